@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 JOBS=${JOBS:-$(nproc)}
-BASE_PACKAGES=(cmake ninja-build g++ pkg-config libpoco-dev libgtest-dev libgmock-dev)
+BASE_PACKAGES=(cmake ninja-build g++ pkg-config libpoco-dev libgtest-dev libgmock-dev valgrind)
 
 log() { printf '== %s\n' "$*" >&2; }
 
