@@ -4,6 +4,8 @@
 #   ./dev.sh demo    build, then write records through the logging wrapper
 #                    into a fresh log directory and show the resulting file
 #   ./dev.sh test    install what is missing, build and run the whole test suite
+#   ./dev.sh bench   build the benchmarks (with peer libraries) and print a
+#                    table of records/s and ratios to log_printf
 #
 # Each command installs missing Debian packages with apt-get (run as root or
 # with sudo available), configures through a CMake preset and builds; running
@@ -58,11 +60,18 @@ cmd_test() {
   ctest --test-dir build/dev --output-on-failure -j "$JOBS"
 }
 
+cmd_bench() {
+  ensure_packages "${BASE_PACKAGES[@]}" libbenchmark-dev libspdlog-dev libgoogle-glog-dev python3
+  configure_and_build bench zel_bench
+  python3 bench/report.py build/bench/bench/zel_bench "${@}"
+}
+
 case "${1:-}" in
   demo) cmd_demo ;;
   test) cmd_test ;;
+  bench) shift; cmd_bench "$@" ;;
   *)
-    sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'
     exit 2
     ;;
 esac
