@@ -152,6 +152,9 @@ class ZEL_API LoggingWrapper {
   unsigned get_vekDebug_level() const { return load(_vekDebugLevel); }
   void set_vekDebug_level(unsigned level) { store(_vekDebugLevel, level); }
   void set_max_size(unsigned size) { store(_maxSize, size); }
+  unsigned get_max_size() const { return load(_maxSize); }
+  // Number of numbered files kept by the rotation.
+  unsigned get_max_count() const { return _maxCount; }
   bool isApplLogLevelCheckRequired() const { return _applLogLevelCheckRequired; }
   // Sets the framework's log interface (a ZelMgmtSpiLog_1); nullptr returns
   // to the local file.
