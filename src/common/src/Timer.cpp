@@ -1,0 +1,166 @@
+#include "Timer.h"
+
+#include <cxxabi.h>
+
+#include <Poco/ErrorHandler.h>
+#include <Poco/Exception.h>
+
+#include <exception>
+#include <memory>
+
+#include "LoggingWrapper.h"
+
+// glibc's report-and-abort routine behind assert(). It is called directly so
+// that the timer's assertions hold in every build type, NDEBUG included
+// (<assert.h> declares it only without NDEBUG).
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                              const char* function) noexcept __attribute__((__noreturn__));
+
+namespace Zel {
+
+AbstractTimerCallback::~AbstractTimerCallback() {}
+
+namespace {
+
+const char kAssertFile[] = "src/common/src/Timer";
+
+// A failed check is a programming fault: it is logged at level 2 when the
+// levels allow it, then reported like a failed assert() and the process
+// aborts. The logging step must not keep the abort from happening.
+void checkTimerAssertion(bool holds, const char* condition, const char* function, unsigned int line,
+                         const char* signature) {
+  if (holds) return;
+  try {
+    LoggingWrapper* logger = LoggingWrapper::getInstance();
+    if (logger->isSaLoggingAllowed(4, 2)) logger->log_printf(function, 2, 1, "Assertion failed: %s", condition);
+  } catch (...) {
+  }
+  __assert_fail(condition, kAssertFile, line, signature);
+}
+
+// Milliseconds to wait for a deadline that is `microsecondsLeft` away:
+// truncated, and 0 once it is due.
+long waitMilliseconds(long microsecondsLeft) { return microsecondsLeft > 0 ? microsecondsLeft / 1000 : 0; }
+
+}  // namespace
+
+Timer::Timer(long startInterval, long periodicInterval)
+    : _startInterval(startInterval),
+      _periodicInterval(periodicInterval),
+      _wakeUp(Poco::Event::EVENT_AUTORESET),
+      _stopRequested(false),
+      _thread(),
+      _pCallback(nullptr),
+      _nextInvocation() {
+  checkTimerAssertion(startInterval >= 0 && periodicInterval >= 0, "startInterval >= 0 && periodicInterval >= 0",
+                      "Timer", 12, "Zel::Timer::Timer(long int, long int)");
+}
+
+Timer::~Timer() { stop(); }
+
+void Timer::start(const AbstractTimerCallback& callback) {
+  const Clock firstInvocation = Clock() + _startInterval * 1000;
+  // Only start() and stop(), on the application thread, write _pCallback.
+  checkTimerAssertion(_pCallback == nullptr, "!_pCallback", "start", 28,
+                      "void Zel::Timer::start(const Zel::AbstractTimerCallback&)");
+
+  Poco::FastMutex::ScopedLock guard(_mutex);
+  _nextInvocation = firstInvocation;
+  std::unique_ptr<AbstractTimerCallback> clone(callback.clone());
+  _pCallback = clone.get();
+  try {
+    _wakeUp.reset();
+    _stopRequested = false;
+    const int result = pthread_create(&_thread, nullptr, &Timer::runnableEntry, this);
+    if (result != 0) throw Poco::SystemException("cannot create timer thread", result);
+  } catch (...) {
+    _pCallback = nullptr;  // the clone is deleted on the way out: the timer stays stopped
+    throw;
+  }
+  clone.release();  // owned through _pCallback until stop()
+}
+
+void Timer::stop() {
+  {
+    Poco::FastMutex::ScopedLock guard(_mutex);
+    if (_pCallback == nullptr) return;
+    _periodicInterval = 0;
+    _stopRequested = true;
+  }
+  // The lock is released while joining, so a running callback can finish
+  // (and may still call restart()).
+  _wakeUp.set();
+  pthread_join(_thread, nullptr);
+
+  Poco::FastMutex::ScopedLock guard(_mutex);
+  delete _pCallback;
+  _pCallback = nullptr;
+}
+
+void Timer::restart() {
+  Poco::FastMutex::ScopedLock guard(_mutex);
+  if (_pCallback != nullptr) _wakeUp.set();
+}
+
+void Timer::restart(long milliseconds) {
+  checkTimerAssertion(milliseconds >= 0, "milliseconds >= 0", "restart", 64, "void Zel::Timer::restart(long int)");
+  Poco::FastMutex::ScopedLock guard(_mutex);
+  if (_pCallback == nullptr) return;
+  _periodicInterval = milliseconds;
+  _wakeUp.set();
+}
+
+void* Timer::runnableEntry(void* timer) {
+  static_cast<Timer*>(timer)->run();
+  return nullptr;
+}
+
+void Timer::run() {
+  for (;;) {
+    Clock deadline(Clock::CLOCKVAL_MIN);
+    {
+      Poco::FastMutex::ScopedLock guard(_mutex);
+      deadline = _nextInvocation;
+    }
+    const long wait = waitMilliseconds(deadline - Clock());
+
+    long interval = 0;
+    bool stopRequested = false;
+    if (_wakeUp.tryWait(wait)) {
+      // Woken by restart() or stop(): a new period starts now, no invocation.
+      Poco::FastMutex::ScopedLock guard(_mutex);
+      _nextInvocation.update();
+      interval = _periodicInterval;
+      _nextInvocation += interval * 1000;
+      stopRequested = _stopRequested;
+    } else {
+      invokeCallback();
+      Poco::FastMutex::ScopedLock guard(_mutex);
+      interval = _periodicInterval;
+      // From the previous deadline, not from now: overdue deadlines are
+      // invoked back to back on the next rounds instead of being skipped.
+      _nextInvocation += interval * 1000;
+      stopRequested = _stopRequested;
+    }
+    if (stopRequested || interval <= 0) return;
+  }
+}
+
+void Timer::invokeCallback() {
+  // _pCallback is set before this thread is created and reset only after it
+  // has been joined, so it is read here without the lock.
+  AbstractTimerCallback* callback = _pCallback;
+  try {
+    callback->invoke(*this);
+  } catch (abi::__forced_unwind&) {
+    throw;  // thread cancellation must unwind
+  } catch (const Poco::Exception& exception) {
+    Poco::ErrorHandler::handle(exception);
+  } catch (const std::exception& exception) {
+    Poco::ErrorHandler::handle(exception);
+  } catch (...) {
+    Poco::ErrorHandler::handle();
+  }
+}
+
+}  // namespace Zel
