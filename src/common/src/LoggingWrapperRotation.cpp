@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <locale>
 #include <sstream>
 
 #include "LoggingWrapper.h"
@@ -33,7 +34,9 @@ bool parseNumber(uint64_t& value, const std::string& text) {
   const char* begin = text.c_str();
   char* end = nullptr;
   const long number = std::strtol(begin, &end, 10);
-  if (end == nullptr || *end != '\0') return false;
+  // The conversion must stop on the string's own terminating NUL, not on a
+  // NUL embedded in it ("1\0x" is not the number 1).
+  if (end != begin + text.size()) return false;
   value = static_cast<uint64_t>(number);
   return true;
 }
@@ -52,10 +55,25 @@ bool matchLogFileName(const std::string& entry, const std::string& baseName, uin
 
 }  // namespace internal
 
+namespace {
+
+// last + 1 without signed overflow: a stray name such as zel.log.2147483647
+// wraps to the lowest number. Such a last number is never below _lastIndex,
+// so the slot is renumbered before it is used.
+int32_t followingIndex(int32_t last) {
+  return static_cast<int32_t>(static_cast<uint32_t>(last) + 1u);
+}
+
+}  // namespace
+
 std::string LoggingWrapper::getAbsFilename(const std::string& name) const { return _dirName + "/" + name; }
 
 std::string LoggingWrapper::makeLogFilename(int32_t index) const {
   std::ostringstream name;
+  // Plain digits whatever global locale the host program has installed: a
+  // number written with thousands separators ("1,000") would never be read
+  // back by getFileMatches.
+  name.imbue(std::locale::classic());
   name << _dirName << "/" << _baseName << "." << index;
   return name.str();
 }
@@ -108,7 +126,8 @@ void LoggingWrapper::rotateLogs() {
     // A newest numbered file that is not full is reused: the live file is
     // renamed onto it.
     if (!(static_cast<uint64_t>(load(_maxSize)) > lastSize)) {
-      matches.emplace_back(last + 1, makeLogFilename(last + 1));
+      const int32_t next = followingIndex(last);
+      matches.emplace_back(next, makeLogFilename(next));
       if (!(_lastIndex > last)) renumberFiles(matches);
     }
   } else {

@@ -98,7 +98,8 @@ char* path_tail(char* destination, const char* path, uint32_t size) {
   while (start > 0 && path[start - 1] != '/') --start;
   size_t count = componentEnd - start;
   if (count > size - 1) count = size - 1;
-  std::memcpy(destination, path + start, count);
+  // memmove: callers may cut a path down in place (destination == path).
+  std::memmove(destination, path + start, count);
   destination[count] = '\0';
   return destination;
 }

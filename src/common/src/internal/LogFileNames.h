@@ -15,9 +15,10 @@ int32_t filenameIndex(const char* name);
 
 // Reads the whole of text as a base-10 number (strtol). True, with the value
 // stored, only when the conversion used every character; otherwise false and
-// value untouched.
-//   "12" -> 12    "" -> 0 (accepted)    "+7", " 7", "007" -> 7
-//   "12a" -> false    "1 " -> false
+// value untouched. Out-of-range numbers are taken as strtol clamps them, and a
+// negative number is stored in two's complement.
+//   "12" -> 12    "" -> 0 (accepted)    "+7", " 7", "007" -> 7    "-3" -> 2^64-3
+//   "12a" -> false    "1 " -> false    "1\0x" (embedded NUL) -> false
 bool parseNumber(uint64_t& value, const std::string& text);
 
 // Size reported by stat, or 0 when stat fails.
