@@ -1,0 +1,70 @@
+# Debian packages of libzel_common, built with `cpack -G DEB` from a build
+# directory configured with CMAKE_INSTALL_PREFIX=/usr (./dev.sh package-check
+# does this):
+#
+#   libzel-common1     runtime: libzel_common.so.1.0.0 and its SONAME link
+#   libzel-common-dev  development: headers (include/zel), the .so link, the
+#                      CMake package ZelCommon and zel_common.pc
+#   zel-tools          the `zel` command-line tool
+#
+# The tool has a package of its own because a library package must not carry
+# files whose names stay the same when the SONAME changes.
+set(CPACK_PACKAGE_NAME "libzel-common")
+set(CPACK_PACKAGE_VENDOR "Zel framework")
+set(CPACK_PACKAGE_CONTACT "Zel framework developers <zel-dev@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
+set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
+set(CPACK_GENERATOR "DEB")
+set(CPACK_COMPONENTS_ALL runtime development tools)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${CPACK_PACKAGE_CONTACT}")
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# dpkg-shlibdeps (package dpkg-dev) works out the libc, libstdc++ and POCO
+# runtime packages from the binaries themselves.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Lets dpkg-shlibdeps resolve libzel_common.so.1 for the tool from the build
+# tree; the tool's dependency on the runtime package is declared below.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_BINARY_DIR}/src/common")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "libzel-common${PROJECT_VERSION_MAJOR}")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
+  "${PROJECT_DESCRIPTION}
+ Logging wrapper with a size-rotated local log file, return codes and
+ exceptions, distinguished-name and instance-path utilities, message pipes,
+ worker threads, timers and an XML configuration reader.
+ .
+ This package contains the shared library.")
+# shlibs file and ldconfig trigger, so that programs built against the
+# library depend on this package.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME "libzel-common-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_ARCHITECTURE_INDEPENDENT OFF)
+# The headers include POCO headers; the CMake package finds POCO's.
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libpoco-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+  "${PROJECT_DESCRIPTION} (development files)
+ Headers, the CMake package ZelCommon (target Zel::common) and the
+ pkg-config file zel_common.pc.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME "zel-tools")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+  "Command-line tool of the Zel framework's common library
+ zel writes log records the way the framework's processes do, checks and
+ takes apart distinguished names and instance paths, reads configuration
+ files and names return codes.")
+
+# Component dependencies become "Depends: libzel-common1 (= <version>)".
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+
+include(CPack)

@@ -1,0 +1,97 @@
+# doxygen-comments.awk - doxygen input filter for the public headers.
+#
+# The headers are documented with plain // comments: a block above each
+# declaration, a trailing comment after a member, and a block at the top of
+# the file about the whole header. This filter turns them into doxygen
+# comments without changing the line count, so warnings point at the right
+# lines:
+#   - the top block becomes the file's documentation ("\file" is appended to
+#     its last line);
+#   - a block above a declaration becomes "///" documentation;
+#   - a trailing comment after ";" or "," becomes "///<", and so do lines that
+#     continue it in the same column;
+#   - comment lines indented by three or more blanks (examples such as
+#     "//   \"A=1\" -> \"\"") are kept verbatim;
+#   - "// --- section ---" rulers stay plain comments;
+#   - everywhere else the characters doxygen would read as commands or
+#     markup (\ @ < > & # % $) are escaped, so the text appears as written.
+# Works with any POSIX awk (mawk included).
+
+function escape(text,    out, i, c) {
+  out = ""
+  for (i = 1; i <= length(text); i++) {
+    c = substr(text, i, 1)
+    if (index("\\@<>&#%$", c) > 0) out = out "\\"
+    out = out c
+  }
+  return out
+}
+
+# Emits the line held back, closing a verbatim group if this line ends it.
+function flush(closeVerbatim) {
+  if (!haveHeld) return
+  print held (closeVerbatim ? " \\endverbatim" : "")
+  haveHeld = 0
+}
+
+function emit(line) {
+  flush(0)
+  held = line
+  haveHeld = 1
+  emitted++
+}
+
+BEGIN { atTop = 1; inVerbatim = 0; trailingColumn = 0; haveHeld = 0; emitted = 0 }
+
+{
+  line = $0
+  commentOnly = match(line, /^[ \t]*\/\//)
+  if (commentOnly && substr(line, RSTART + RLENGTH, 1) == "/") commentOnly = 0  # already "///"
+
+  if (commentOnly) {
+    column = RLENGTH - 2
+    indent = substr(line, 1, column)
+    text = substr(line, RSTART + RLENGTH)
+    isExample = (text ~ /^    / || (text ~ /^   [^ ]/))
+    if (text ~ /^ ---/) {               # section ruler: not documentation
+      if (inVerbatim) { flush(1); inVerbatim = 0 }
+      emit(line)
+      trailingColumn = 0
+      next
+    }
+    marker = "///"
+    if (trailingColumn > 0 && column == trailingColumn) marker = "///<"
+    else trailingColumn = 0
+    if (isExample && !atTop) {
+      if (!inVerbatim) { emit(indent marker " \\verbatim" text); inVerbatim = 1 }
+      else emit(indent marker text)
+      next
+    }
+    if (inVerbatim) { flush(1); inVerbatim = 0 }
+    emit(indent marker escape(text))
+    next
+  }
+
+  # Not a comment-only line: a verbatim group ends here.
+  if (inVerbatim) { flush(1); inVerbatim = 0 }
+  if (atTop) {
+    atTop = 0
+    # The last line of the file's top block carries "\file".
+    if (emitted > 0 && haveHeld) held = held " \\file"
+  }
+
+  trailingColumn = 0
+  position = index(line, "//")
+  if (position > 0 && line !~ /^[ \t]*#/) {
+    code = substr(line, 1, position - 1)
+    comment = substr(line, position + 2)
+    if (code ~ /[;,][ \t]*$/ && substr(comment, 1, 1) != "/") {
+      emit(code "///<" escape(comment))
+      trailingColumn = position - 1
+      next
+    }
+  }
+  emit(line)
+}
+
+END { flush(inVerbatim) }

@@ -1,0 +1,331 @@
+#!/usr/bin/env bash
+# test_zel.sh ZEL AREA - tests of the zel command-line tool, run by CTest
+# (one test per AREA: usage, log, dn, xpath, config, strerror).
+#
+# Each case runs the binary and compares its exit status, its standard output
+# and its standard error with what is expected. The log cases point TMPDIR at
+# a fresh directory each, so nothing is written outside the test's own
+# temporary tree.
+set -u
+ZEL=$1
+AREA=$2
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/zel-tool-test.XXXXXX")
+trap 'rm -rf "$WORK"' EXIT
+# The tool's own environment: no logging settings leak in from outside.
+unset ZEL_LOGGING_FNAME ZEL_LOGGING_LEVEL ZEL_LOGGING_FMAXSIZE ZEL_LOGGING_FMAXCOUNT TAV_ENV
+export TMPDIR="$WORK"
+
+passed=0
+failed=0
+fail() {
+  failed=$((failed + 1))
+  printf 'FAIL %s\n' "$1"
+  shift
+  printf '     %s\n' "$@"
+}
+
+# expect NAME STATUS STDOUT STDERR -- ARGS...
+#   STDOUT: the exact output (without the final newline), or "~TEXT" when the
+#           output must contain TEXT.
+#   STDERR: "" when nothing may be written to standard error, "~TEXT" when it
+#           must contain TEXT.
+# Standard input comes from $STDIN (empty by default).
+STDIN=""
+expect() {
+  local name=$1 want_status=$2 want_out=$3 want_err=$4
+  shift 5
+  local status
+  printf '%s' "$STDIN" | timeout 20 "$ZEL" "$@" >"$WORK/out" 2>"$WORK/err"
+  status=$?
+  local out err
+  out=$(cat "$WORK/out")
+  err=$(cat "$WORK/err")
+  if [ "$status" -ne "$want_status" ]; then
+    fail "$name" "exit status $status, expected $want_status" "stdout: $out" "stderr: $err"
+    return
+  fi
+  if [ "${want_out:0:1}" = "~" ]; then
+    if [[ "$out" != *"${want_out:1}"* ]]; then
+      fail "$name" "stdout lacks '${want_out:1}'" "stdout: $out"
+      return
+    fi
+  elif [ "$out" != "$want_out" ]; then
+    fail "$name" "stdout: '$out'" "expected: '$want_out'"
+    return
+  fi
+  if [ -z "$want_err" ]; then
+    if [ -n "$err" ]; then
+      fail "$name" "unexpected stderr: $err"
+      return
+    fi
+  elif [[ "$err" != *"${want_err:1}"* ]]; then
+    fail "$name" "stderr lacks '${want_err:1}'" "stderr: $err"
+    return
+  fi
+  passed=$((passed + 1))
+}
+
+# check NAME CONDITION-COMMAND... - a plain assertion.
+check() {
+  local name=$1
+  shift
+  if "$@"; then passed=$((passed + 1)); else fail "$name" "failed: $*"; fi
+}
+
+test_usage() {
+  expect "no command shows usage and fails" 2 "" "~Usage: zel COMMAND" -- 
+  expect "--help" 0 "~Usage: zel COMMAND" "" -- --help
+  expect "-h" 0 "~Exit status: 0 done, 1 negative answer" "" -- -h
+  expect "help" 0 "~strerror CODE" "" -- help
+  expect "help dn is dn --help" 0 "~Usage: zel dn validate" "" -- help dn
+  expect "--version" 0 "~zel (libzel_common) " "" -- --version
+  expect "unknown command" 2 "" "~zel: unknown command 'frob'" -- frob
+  local command
+  for command in log dn xpath config strerror; do
+    expect "$command --help" 0 "~Usage: zel $command" "" -- "$command" --help
+  done
+  expect "dn validate --help" 0 "~Usage: zel dn validate" "" -- dn validate --help
+  expect "xpath build -h" 0 "~Usage: zel xpath split" "" -- xpath build -h
+  expect "config get --help" 0 "~Usage: zel config get" "" -- config get --help
+}
+
+# The file line of a record: time stamp, tag, function in 25 columns, message.
+STAMP='[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{1,3}[+-][0-9]{2}:[0-9]{2}'
+
+# fresh_log_dir - makes a new empty log directory, exports it as TMPDIR and
+# leaves its path in $dir.
+fresh_log_dir() {
+  dir=$(mktemp -d "$WORK/log.XXXXXX")
+  export TMPDIR="$dir"
+}
+
+# log_is DIR EXPECTED-LINES... - zel.log in DIR holds exactly these records
+# (each given as "TAG FUNCTION MESSAGE" in the file's own spacing).
+log_is() {
+  local file="$1/zel.log"
+  shift
+  if [ ! -f "$file" ]; then
+    echo "no $file" >&2
+    return 1
+  fi
+  if grep -Evq "^$STAMP " "$file"; then
+    echo "lines without a time stamp in $file:" >&2
+    cat "$file" >&2
+    return 1
+  fi
+  local expected="" line actual
+  for line in "$@"; do expected+="$line"$'\n'; done
+  actual=$(sed -E "s/^$STAMP //" "$file"; echo x)
+  actual=${actual%x}
+  if [ "$actual" != "$expected" ]; then
+    printf 'zel.log holds:\n%sexpected:\n%s' "$actual" "$expected" >&2
+    return 1
+  fi
+}
+
+test_log() {
+  local dir
+  fresh_log_dir
+  expect "log writes one record" 0 "" "" -- log hello world
+  check "record at level 6, function zel, words joined" \
+    log_is "$dir" "IN zel                       hello world"
+
+  fresh_log_dir
+  expect "log -l -f" 0 "" "" -- log -l 3 -f signal "Failed to write signal. Errno 32"
+  expect "log --level= --function=" 0 "" "" -- log --level=4 --function=main warned
+  expect "log -lNAME" 0 "" "" -- log -lnotice noted
+  expect "log level tag" 0 "" "" -- log -l EM emergency
+  expect "log level long name" 0 "" "" -- log --level warning --function x w
+  check "levels, tags and functions as given" log_is "$dir" \
+    "ER signal                    Failed to write signal. Errno 32" \
+    "WA main                      warned" \
+    "NO zel                       noted" \
+    "EM zel                       emergency" \
+    "WA x                         w"
+
+  fresh_log_dir
+  expect "log message is not a format" 0 "" "" -- log '%s %n %d %%'
+  expect "log -- ends options" 0 "" "" -- log -- -l 3
+  expect "log empty message" 0 "" "" -- log ""
+  check "text written as given" log_is "$dir" \
+    "IN zel                       %s %n %d %%" \
+    "IN zel                       -l 3" \
+    "IN zel                       "
+
+  fresh_log_dir
+  STDIN=$'first line\nsecond line\n\nlast line without newline'
+  expect "log reads standard input" 0 "" "" -- log -l 5 -f reader
+  STDIN=""
+  check "one record per input line" log_is "$dir" \
+    "NO reader                    first line" \
+    "NO reader                    second line" \
+    "NO reader                    " \
+    "NO reader                    last line without newline"
+
+  fresh_log_dir
+  expect "log with empty standard input" 0 "" "" -- log
+  check "no record, no file" test ! -e "$dir/zel.log"
+
+  # The level filter of the framework's processes.
+  fresh_log_dir
+  ZEL_LOGGING_LEVEL=3 expect "record above ZEL_LOGGING_LEVEL" 0 "" "" -- log -l 4 dropped
+  ZEL_LOGGING_LEVEL=3 expect "record at ZEL_LOGGING_LEVEL" 0 "" "" -- log -l 3 kept
+  ZEL_LOGGING_LEVEL=abc expect "ZEL_LOGGING_LEVEL=abc means 0" 0 "" "" -- log -l 1 dropped
+  ZEL_LOGGING_LEVEL=abc expect "level 0 passes level 0" 0 "" "" -- log -l 0 kept0
+  check "only admitted records written" log_is "$dir" \
+    "ER zel                       kept" \
+    "EM zel                       kept0"
+
+  # The file named by ZEL_LOGGING_FNAME.
+  fresh_log_dir
+  mkdir "$dir/sub"
+  ZEL_LOGGING_FNAME="$dir/sub/app.log" expect "ZEL_LOGGING_FNAME" 0 "" "" -- log elsewhere
+  check "record in the named file" grep -Eq "^$STAMP IN zel +elsewhere$" "$dir/sub/app.log"
+  check "not in TMPDIR" test ! -e "$dir/zel.log"
+
+  # Rotation by size, as in every process.
+  fresh_log_dir
+  STDIN=$(for i in $(seq 1 40); do echo "rotation record $i of forty, padded to make it longer"; done)
+  ZEL_LOGGING_FMAXSIZE=600 ZEL_LOGGING_FMAXCOUNT=3 expect "log rotates" 0 "" "" -- log -f rotate
+  STDIN=""
+  check "live file present" test -s "$dir/zel.log"
+  check "numbered files made" compgen -G "$dir/zel.log.[0-9]*" >/dev/null
+  check "newest record in the live file" grep -q "rotation record 40 of forty" "$dir/zel.log"
+  check "live file near the size limit" test "$(stat -c %s "$dir/zel.log")" -lt 1200
+
+  # Bad input: status 2, a message, and nothing written.
+  fresh_log_dir
+  expect "level out of range" 2 "" "~zel log: invalid level '7'" -- log -l 7 x
+  expect "negative level" 2 "" "~invalid level '-1'" -- log -l -1 x
+  expect "non-numeric level" 2 "" "~invalid level 'loud'" -- log --level=loud x
+  expect "level missing" 2 "" "~option '-l' needs a LEVEL" -- log -l
+  expect "function missing" 2 "" "~option '--function' needs a FUNCTION" -- log --function
+  expect "unknown option" 2 "" "~unknown option '--bogus'" -- log --bogus x
+  check "nothing written on bad input" test ! -e "$dir/zel.log"
+
+  TMPDIR="$WORK/does-not-exist" expect "missing log directory" 2 "" \
+    "~log directory '$WORK/does-not-exist' (TMPDIR) does not exist" -- log x
+  touch "$WORK/plain-file"
+  TMPDIR="$WORK/plain-file" expect "log directory is a file" 2 "" "~is not a directory" -- log x
+  fresh_log_dir
+  ZEL_LOGGING_FNAME="$dir/missing/x.log" expect "missing directory of ZEL_LOGGING_FNAME" 2 "" \
+    "~(ZEL_LOGGING_FNAME) does not exist" -- log x
+  if [ "$(id -u)" -ne 0 ]; then
+    mkdir "$WORK/read-only" && chmod 555 "$WORK/read-only"
+    TMPDIR="$WORK/read-only" expect "read-only log directory" 2 "" "~is not writable" -- log x
+  fi
+}
+
+test_dn() {
+  expect "valid DN" 0 "valid: ManagedElement=1,Equipment=1" "" -- dn validate "ManagedElement=1,Equipment=1"
+  expect "well-formed edge cases" 0 $'valid: \nvalid:   \nvalid: ManagedElement=1, Equipment.serial = A\\2C\nvalid: A=' "" \
+    -- dn validate "" "  " 'ManagedElement=1, Equipment.serial = A\2C' "A="
+  expect "malformed DNs" 1 $'invalid: a=1\ninvalid: A=1,\ninvalid: A=1+B=2' "" -- dn validate "a=1" "A=1," "A=1+B=2"
+  expect "one invalid among valid" 1 $'valid: A=1\ninvalid: A=1,\nvalid: B=2' "" -- dn validate "A=1" "A=1," "B=2"
+  expect "validate -q" 1 "" "" -- dn validate -q "A=1" "x"
+  expect "validate -q all valid" 0 "" "" -- dn validate --quiet "A=1"
+  expect "validate -- then a DN" 1 "invalid: -q" "" -- dn validate -- -q
+  expect "validate without DN" 2 "" "~zel dn validate: expected at least one DN" -- dn validate
+  expect "validate unknown option" 2 "" "~unknown option '-x'" -- dn validate -x A=1
+  # Linear time: values that make a backtracking engine run for ever.
+  expect "long realistic DN" 0 "valid: ManagedElement=1,GNBDUFunction=1,NRCellDU=NR01gNodeBRadio00087-1" "" \
+    -- dn validate "ManagedElement=1,GNBDUFunction=1,NRCellDU=NR01gNodeBRadio00087-1"
+  local long_value
+  long_value=$(head -c 100000 /dev/zero | tr '\0' 'x')
+  expect "very long value failing at the end" 1 "" "" -- dn validate -q "A=${long_value}\""
+
+  expect "split" 0 $'class: Equipment\nid: 2\nparent: ManagedElement=1\nleaf class: Equipment' "" \
+    -- dn split "ManagedElement=1,Equipment.serial=2"
+  expect "split trims class and leaf class differently" 0 \
+    $'class: Equipment\nid: 3\nparent: X=1\nleaf class: Equipment ' "" -- dn split "X=1,Equipment .k=3"
+  expect "split one RDN" 0 $'class: A\nid: 1\nparent: \nleaf class: A' "" -- dn split "A=1"
+  expect "split malformed DN warns" 0 $'class: \nid: AB\nparent: \nleaf class: ' \
+    "~zel dn split: warning: 'AB' is not a well-formed DN" -- dn split "AB"
+  expect "split without DN" 2 "" "~zel dn split: expected one DN, got 0 arguments" -- dn split
+  expect "split with two DNs" 2 "" "~expected one DN, got 2 arguments" -- dn split A=1 B=2
+
+  expect "build without parent, default key" 0 "Equipment=1" "" -- dn build "" Equipment equipmentId 1
+  expect "build, key id in any case" 0 "ManagedElement=1,Equipment=1" "" -- dn build ManagedElement=1 Equipment ID 1
+  expect "build, named key" 0 "ManagedElement=1,Equipment.serial=1" "" \
+    -- dn build ManagedElement=1 Equipment serial 1
+  expect "build malformed result" 1 "a=1" "~zel dn build: 'a=1' is not a well-formed DN" -- dn build "" a id 1
+  expect "build with too few arguments" 2 "" "~expected PARENT CLASS KEY VALUE, got 3 arguments" \
+    -- dn build ManagedElement=1 Equipment id
+  expect "dn without action" 2 "" "~missing action" -- dn
+  expect "dn unknown action" 2 "" "~unknown action 'check'" -- dn check A=1
+}
+
+test_xpath() {
+  expect "split" 0 $'type: U\nkey value: 2\nparent: /a:T[k=1]' "" -- xpath split "/a:T[k=1]/U[x=2]"
+  expect "split keeps prefix and quotes" 0 $'type: a:T\nkey value: \'x\'\nparent: ' "" -- xpath split "/a:T[k='x']"
+  expect "split trims" 0 $'type: U\nkey value: 7\nparent: /A[k=1]' "" -- xpath split "/A[k=1]/ U [n= 7 ]"
+  expect "split path ending in /" 0 $'type: \nkey value: \nparent: /a' "" -- xpath split "/a/"
+  expect "split empty path" 0 $'type: \nkey value: \nparent: ' "" -- xpath split ""
+  expect "split without path" 2 "" "~zel xpath split: expected one PATH, got 0 arguments" -- xpath split
+
+  expect "build" 0 "/X[id=1]/ns:T[id=2]" "" -- xpath build ns "/X[id=1]" T id 2
+  expect "build without value" 0 "/X[id=1]/ns:T" "" -- xpath build ns "/X[id=1]" T id ""
+  expect "build root step" 0 "T[id=2]" "" -- xpath build "" "" T id 2
+  expect "build without type" 2 "" "~zel xpath build: TYPE must not be empty" -- xpath build ns /X "" id 2
+  expect "build with too many arguments" 2 "" "~got 6 arguments" -- xpath build a b c d e f
+  expect "xpath without action" 2 "" "~missing action" -- xpath
+  expect "xpath unknown action" 2 "" "~unknown action 'get'" -- xpath get /A
+}
+
+test_config() {
+  local file="$WORK/router.xml"
+  cat >"$file" <<'XML'
+<?xml version="1.0"?>
+<router>
+  <port>830</port>
+  <peer><port>831</port><name>north</name></peer>
+  <name>main <!-- comment -->router</name>
+</router>
+XML
+  expect "get from a file" 0 $'830\n831' "" -- config get "$file" port
+  expect "get text only, comments skipped" 0 $'north\nmain router' "" -- config get "$file" name
+  expect "get from XML text" 0 "abc" "" -- config get '<r><v>a<!--c-->b<x>y</x>c</v></r>' v
+  expect "get of a white-space element" 0 "" "" -- config get '<r><v>   </v></r>' v
+  expect "tag not found" 1 "" "" -- config get "$file" missing
+  expect "bad XML" 2 "" "~zel config get: cannot load '<a>': " -- config get '<a>' a
+  expect "missing file" 2 "" "~zel config get: no such file 'nosuch.xml'" -- config get nosuch.xml a
+  expect "directory" 2 "" "~is not a file" -- config get "$WORK" a
+  printf '<a><b>' >"$WORK/broken.xml"
+  expect "file with bad XML" 2 "" "~cannot load '$WORK/broken.xml'" -- config get "$WORK/broken.xml" a
+  if [ "$(id -u)" -ne 0 ]; then
+    cp "$file" "$WORK/secret.xml" && chmod 000 "$WORK/secret.xml"
+    expect "unreadable file" 2 "" "~is not readable" -- config get "$WORK/secret.xml" port
+  fi
+  expect "get with one argument" 2 "" "~expected FILE-OR-XML TAG, got 1 argument" -- config get "$file"
+  expect "config without action" 2 "" "~missing action" -- config
+  expect "config unknown action" 2 "" "~unknown action 'set'" -- config set "$file" port 1
+}
+
+test_strerror() {
+  expect "ok" 0 "ZelOk" "" -- strerror 0
+  expect "positive code" 0 "ZelNotActive" "" -- strerror 2
+  expect "negative code" 0 "ZelInvalidArgument" "" -- strerror -8
+  expect "last code" 0 "ZelTimeOut" "" -- strerror -11
+  expect "-- before a code" 0 "ZelFailure" "" -- strerror -- -1
+  expect "unknown code 3" 1 "Unknown return code" "" -- strerror 3
+  expect "unknown code -12" 1 "Unknown return code" "" -- strerror -12
+  expect "smallest 32-bit code" 1 "Unknown return code" "" -- strerror -2147483648
+  expect "non-numeric" 2 "" "~zel strerror: invalid CODE 'abc'" -- strerror abc
+  expect "trailing garbage" 2 "" "~invalid CODE '1x'" -- strerror 1x
+  expect "empty" 2 "" "~invalid CODE ''" -- strerror ""
+  expect "beyond 32 bits" 2 "" "~invalid CODE '2147483648'" -- strerror 2147483648
+  expect "no code" 2 "" "~expected one CODE, got 0 arguments" -- strerror
+  expect "two codes" 2 "" "~expected one CODE, got 2 arguments" -- strerror 1 2
+}
+
+case "$AREA" in
+  usage | log | dn | xpath | config | strerror) "test_$AREA" ;;
+  *)
+    echo "usage: $0 ZEL usage|log|dn|xpath|config|strerror" >&2
+    exit 2
+    ;;
+esac
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
