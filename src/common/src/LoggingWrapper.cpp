@@ -3,12 +3,16 @@
 // LoggingWrapperTrace.cpp.
 #include "LoggingWrapper.h"
 
+#include <pthread.h>
 #include <syslog.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <new>
+#include <unordered_map>
 
 #include <Poco/File.h>
 
@@ -33,12 +37,147 @@ const int kServiceLogPriority = LOG_USER | LOG_INFO;  // 14
 const size_t kMessageSize = 800;
 const size_t kRecordSize = 1000;
 const int kTimeSize = 30;
+static_assert(kTimeSize == internal::LocalTimeCache::kMaxStampLength + 1, "a stamp buffer holds the whole stamp");
 const unsigned kRawFacility = 13;
 const unsigned kHighestLevel = 6;
 
 // Wall-clock seconds broken into local time at most once per second; used
 // only under LoggingWrapper::_lock.
 internal::LocalTimeCache gTimeCache;
+
+// A record composed in a buffer of `size` bytes. Every append is cut at the
+// buffer's last byte, as snprintf cuts, so the text is byte for byte what
+// snprintf(buffer, size, ...) gives for the same pieces.
+class RecordText {
+ public:
+  RecordText(char* buffer, size_t size) : _begin(buffer), _end(buffer), _last(buffer + size - 1) {}
+  // Appends `length` characters of text.
+  void append(const char* text, size_t length) {
+    const size_t room = static_cast<size_t>(_last - _end);
+    if (length > room) length = room;
+    std::memcpy(_end, text, length);
+    _end += length;
+  }
+  // Appends count blanks.
+  void pad(size_t count) {
+    const size_t room = static_cast<size_t>(_last - _end);
+    if (count > room) count = room;
+    std::memset(_end, ' ', count);
+    _end += count;
+  }
+  // "%s": up to the text's NUL, never reading past what still fits.
+  void appendString(const char* text) {
+    const size_t room = static_cast<size_t>(_last - _end);
+    append(text, strnlen(text, room));
+  }
+  // "%-<width>s" (leftAligned) or "%<width>s". A null text prints as "(null)",
+  // as the C library's printf does.
+  void appendPadded(const char* text, size_t width, bool leftAligned) {
+    if (text == nullptr) text = "(null)";
+    const size_t length = std::strlen(text);
+    const size_t blanks = length < width ? width - length : 0;
+    if (!leftAligned) pad(blanks);
+    append(text, length);
+    if (leftAligned) pad(blanks);
+  }
+  void appendChar(char c) { append(&c, 1); }
+  // NUL-terminates the text and returns its length.
+  size_t finish() {
+    *_end = '\0';
+    return static_cast<size_t>(_end - _begin);
+  }
+
+ private:
+  char* _begin;
+  char* _end;
+  char* _last;  // where the terminating NUL goes at the latest
+};
+
+// Writes "record\n" to a stream that only the caller, holding
+// LoggingWrapper::_lock, uses: the lock already serialises every access to
+// the wrapper's file, so the stream's own locking is skipped.
+void writeLine(FILE* file, const char* record, size_t length) {
+  fwrite_unlocked(record, 1, length, file);
+  putc_unlocked('\n', file);
+}
+
+// How long a record writer keeps retrying a busy lock before it sleeps on
+// it: about a few microseconds, longer than a record holds the lock.
+const int kLockSpins = 200;
+
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield" ::: "memory");
+#endif
+}
+
+// Takes LoggingWrapper::_lock for one record. A record holds the lock for
+// about a microsecond (most of it the fstat of the rotation check), so a
+// writer that finds it taken retries for a moment before sleeping: sleeping
+// would put a futex wait and a futex wake-up, two system calls longer than
+// the wait itself, on the path of both threads. The final lock() keeps the
+// lock's error checking: a thread that already holds it still gets the
+// exception, after the retries.
+void lockForRecord(ZelThreadLock* lock) ZEL_ACQUIRE(lock) ZEL_NO_THREAD_SAFETY_ANALYSIS {
+  pthread_mutex_t* mutex = lock->getMutex();
+  for (int i = 0; i < kLockSpins; ++i) {
+    if (pthread_mutex_trylock(mutex) == 0) return;
+    cpuRelax();
+  }
+  lock->lock();
+}
+
+// The local file's stdio buffer. Records are never flushed one by one, and
+// the rotation check sees only what has reached the file, so the live file
+// may grow past the size limit by up to one buffer before it is rotated. A
+// buffer larger than stdio's default (one file system block, usually 4 KiB)
+// saves write system calls, so it is used when the limit is at least 64
+// times its size (from 4 MiB, the default 5 MiB included): the overshoot
+// then stays below 1/64 of the limit. Smaller limits keep stdio's default.
+const size_t kLargeFileBuffer = 64 * 1024;
+const uint64_t kLargeBufferMinLimit = 64 * kLargeFileBuffer;
+
+// One large buffer per wrapper, made at its first open and reused by every
+// later stream of that wrapper (a wrapper has at most one open at a time);
+// freed when the wrapper is destroyed, after its file is closed. The
+// registry is never destroyed: stdio flushes the streams still open at exit,
+// after static objects are gone, and those streams use these buffers.
+class FileBuffers {
+ public:
+  // The wrapper's buffer, or null when none can be had.
+  static char* get(const LoggingWrapper* wrapper) noexcept {
+    try {
+      return lookUp(wrapper);
+    } catch (...) {
+      return nullptr;  // out of memory: stdio's default buffer will do
+    }
+  }
+  static void release(const LoggingWrapper* wrapper) noexcept {
+    FileBuffers& self = instance();
+    std::lock_guard<std::mutex> guard(self._mutex);
+    auto it = self._buffers.find(wrapper);
+    if (it == self._buffers.end()) return;
+    delete[] it->second;
+    self._buffers.erase(it);
+  }
+
+ private:
+  static char* lookUp(const LoggingWrapper* wrapper) {
+    FileBuffers& self = instance();
+    std::lock_guard<std::mutex> guard(self._mutex);
+    char*& buffer = self._buffers[wrapper];
+    if (buffer == nullptr) buffer = new (std::nothrow) char[kLargeFileBuffer];
+    return buffer;
+  }
+  static FileBuffers& instance() {
+    static FileBuffers* self = new FileBuffers();
+    return *self;
+  }
+  std::mutex _mutex;
+  std::unordered_map<const LoggingWrapper*, char*> _buffers;
+};
 
 // strtol of an environment value, truncated to 32 bits; no error check.
 uint32_t parseEnvNumber(const char* value) { return static_cast<uint32_t>(std::strtol(value, nullptr, 10)); }
@@ -69,6 +208,38 @@ void checkLogDirectoryOrAbort(const std::string& dir) {
   }
   std::fflush(stderr);
   std::abort();
+}
+
+// Composes the local file's line "%s %2s %-25s %s" (time stamp, level tag,
+// function name, message) into record, cut at size - 1 characters, and
+// returns its length. Reads the wall clock: callers hold LoggingWrapper::_lock
+// so that lines of different threads stay in time order.
+size_t composeFileLine(char* record, size_t size, unsigned level, const char* functionName, const char* message) {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  char stamp[internal::LocalTimeCache::kMaxStampLength];
+  const size_t stampLength = gTimeCache.write(stamp, now);
+  const std::string tag = _get_level_str(level);
+  RecordText text(record, size);
+  text.append(stamp, stampLength);
+  text.appendChar(' ');
+  text.appendPadded(tag.c_str(), 2, false);
+  text.appendChar(' ');
+  text.appendPadded(functionName, 25, true);
+  text.appendChar(' ');
+  text.appendString(message);
+  return text.finish();
+}
+
+// Writes "record\n" to the open file, or to standard error (flushed) when
+// there is none. Callers hold LoggingWrapper::_lock.
+void writeLineOrStderr(FILE* file, const char* record, size_t length) {
+  if (file != nullptr) {
+    writeLine(file, record, length);
+  } else {
+    std::fprintf(stderr, "%s\n", record);
+    std::fflush(stderr);
+  }
 }
 
 }  // namespace
@@ -128,6 +299,7 @@ LoggingWrapper::LoggingWrapper()
 
 LoggingWrapper::~LoggingWrapper() {
   close();
+  FileBuffers::release(this);
   delete _lock;  // the pointer is deliberately left as it is
 }
 
@@ -170,7 +342,13 @@ void LoggingWrapper::set_log_spi(ZelMgmtSpiInterface_1* logSpi) {
 
 void LoggingWrapper::open_log_file() {
   _file = std::fopen(_fname.c_str(), "a");
-  if (_file == nullptr) std::perror("Failed to open log file!");
+  if (_file == nullptr) {
+    std::perror("Failed to open log file!");
+    return;
+  }
+  if (static_cast<uint64_t>(load(_maxSize)) >= kLargeBufferMinLimit) {
+    if (char* buffer = FileBuffers::get(this)) (void)std::setvbuf(_file, buffer, _IOFBF, kLargeFileBuffer);
+  }
 }
 
 void LoggingWrapper::close_log_file() {
@@ -193,23 +371,10 @@ void LoggingWrapper::log_printf(const char* functionName, unsigned level, unsign
 
 void LoggingWrapper::composeFileRecord(char* record, size_t size, unsigned level, const char* functionName,
                                        const char* message) {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  char stamp[kTimeSize];
-  gTimeCache.format(stamp, kTimeSize, now);
-  const std::string tag = _get_level_str(level);
-  std::snprintf(record, size, "%s %2s %-25s %s", stamp, tag.c_str(), functionName, message);
+  (void)composeFileLine(record, size, level, functionName, message);
 }
 
-void LoggingWrapper::writeRecordLine(const char* record) {
-  if (_file != nullptr) {
-    std::fputs(record, _file);
-    std::fputc('\n', _file);
-  } else {
-    std::fprintf(stderr, "%s\n", record);
-    std::fflush(stderr);
-  }
-}
+void LoggingWrapper::writeRecordLine(const char* record) { writeLineOrStderr(_file, record, std::strlen(record)); }
 
 void LoggingWrapper::vlog_printf(const char* functionName, unsigned level, unsigned facility, const char* format,
                                  va_list args) {
@@ -228,7 +393,7 @@ void LoggingWrapper::vlog_printf(const char* functionName, unsigned level, unsig
   }
 
   ZelMgmtSpiLog_1* logSpi = nullptr;
-  _lock->lock();
+  lockForRecord(_lock);
   try {
     if (isClosed()) {
       std::fprintf(stderr, "Logging after loggingWrapper has been closed! (:%s)\n", functionName);
@@ -246,9 +411,10 @@ void LoggingWrapper::vlog_printf(const char* functionName, unsigned level, unsig
       if (!raw) std::snprintf(record, sizeof(record), " %-25s %s", functionName, message);
     } else {
       if (_file == nullptr) open_log_file();
-      if (!raw) composeFileRecord(record, sizeof(record), level, functionName, message);
+      const size_t length =
+          raw ? std::strlen(record) : composeFileLine(record, sizeof(record), level, functionName, message);
       check_and_rotate_log_file();
-      writeRecordLine(record);
+      writeLineOrStderr(_file, record, length);
     }
   } catch (...) {
     _lock->errUnlock();

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "LoggingWrapper.h"
 
@@ -26,12 +27,75 @@ char* formatTimeStamp(char* buffer, int size, long microseconds, const struct tm
   return buffer;
 }
 
+namespace {
+
+// Copies at most `room` characters of text (length characters long) to out
+// and returns how many were copied: snprintf's silent cut, piece by piece.
+size_t copyCut(char* out, size_t room, const char* text, size_t length) {
+  const size_t count = length < room ? length : room;
+  std::memcpy(out, text, count);
+  return count;
+}
+
+// The stamp's fraction: the first three characters of `microseconds` written
+// as a plain decimal number, as "%ld" would write it: 5123 -> "512",
+// 42 -> "42", 0 -> "0". Returns the number of characters (1 to 3).
+size_t writeFraction(char* out, long microseconds) {
+  unsigned long magnitude =
+      microseconds < 0 ? 0UL - static_cast<unsigned long>(microseconds) : static_cast<unsigned long>(microseconds);
+  char reversed[24];
+  size_t digits = 0;
+  do {
+    reversed[digits++] = static_cast<char>('0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  size_t count = 0;
+  if (microseconds < 0) out[count++] = '-';
+  while (count < 3 && digits > 0) out[count++] = reversed[--digits];
+  return count;
+}
+
+}  // namespace
+
+void LocalTimeCache::refresh(time_t second) {
+  _valid = localtime_r(&second, &_local) != nullptr;
+  _second = second;
+  // The two pieces around the fraction, with the conversions formatTimeStamp
+  // uses, so that prefix + fraction + suffix is its text.
+  struct tm fields = {};
+  if (_valid) fields = _local;
+  char text[128];
+  int length = std::snprintf(text, sizeof(text), "%4d-%02d-%02dT%02d:%02d:%02d.", fields.tm_year + 1900,
+                             fields.tm_mon + 1, fields.tm_mday, fields.tm_hour, fields.tm_min, fields.tm_sec);
+  _prefixLength = copyCut(_prefix, kMaxStampLength, text, length > 0 ? static_cast<size_t>(length) : 0);
+  const long offset = fields.tm_gmtoff;
+  const long offsetMinutes = std::labs(offset) / 60;
+  length = std::snprintf(text, sizeof(text), "%c%02ld:%02ld", offset >= 0 ? '+' : '-', offsetMinutes / 60,
+                         offsetMinutes % 60);
+  _suffixLength = copyCut(_suffix, kMaxStampLength, text, length > 0 ? static_cast<size_t>(length) : 0);
+}
+
+size_t LocalTimeCache::write(char* out, const struct timeval& now) {
+  if (now.tv_sec != _second) refresh(now.tv_sec);
+  size_t length = copyCut(out, kMaxStampLength, _prefix, _prefixLength);
+  char fraction[3];
+  const size_t fractionLength = writeFraction(fraction, static_cast<long>(now.tv_usec));
+  length += copyCut(out + length, kMaxStampLength - length, fraction, fractionLength);
+  length += copyCut(out + length, kMaxStampLength - length, _suffix, _suffixLength);
+  return length;
+}
+
 char* LocalTimeCache::format(char* buffer, int size, const struct timeval& now) {
-  if (now.tv_sec != _second) {
-    _valid = localtime_r(&now.tv_sec, &_local) != nullptr;
-    _second = now.tv_sec;
+  if (size <= 0 || static_cast<size_t>(size) > kMaxStampLength + 1) {
+    // Longer buffers can hold the whole text of an unusual year; format it
+    // from the cached broken-down time.
+    if (now.tv_sec != _second) refresh(now.tv_sec);
+    return formatTimeStamp(buffer, size, static_cast<long>(now.tv_usec), _valid ? &_local : nullptr);
   }
-  return formatTimeStamp(buffer, size, static_cast<long>(now.tv_usec), _valid ? &_local : nullptr);
+  char text[kMaxStampLength];
+  const size_t length = copyCut(buffer, static_cast<size_t>(size) - 1, text, write(text, now));
+  buffer[length] = '\0';
+  return buffer;
 }
 
 }  // namespace internal
