@@ -66,10 +66,21 @@ cmd_bench() {
   python3 bench/report.py build/bench/bench/zel_bench "${@}"
 }
 
+# ./dev.sh package-check: installs into a temporary prefix and builds and
+# runs a consumer through the CMake package and through pkg-config, checks
+# the exported symbols, makes and checks the Debian packages
+# (build/package-check/*.deb) and builds the API documentation
+# (build/package-check/docs/html). See tests/consumer/check.sh.
+cmd_package_check() {
+  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev file doxygen
+  JOBS=$JOBS bash tests/consumer/check.sh "$PWD/build/package-check"
+}
+
 case "${1:-}" in
   demo) cmd_demo ;;
   test) cmd_test ;;
   bench) shift; cmd_bench "$@" ;;
+  package-check) cmd_package_check ;;
   *)
     sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'
     exit 2

@@ -16,6 +16,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
 set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
 set(CPACK_GENERATOR "DEB")
+set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime development tools)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -32,16 +33,19 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_BINARY_DIR}/src/common"
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "libzel-common${PROJECT_VERSION_MAJOR}")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+# Descriptions: the first line is the package's synopsis, the others the
+# extended description; CPack indents them and turns an empty line into the
+# paragraph separator " .".
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
   "${PROJECT_DESCRIPTION}
- Logging wrapper with a size-rotated local log file, return codes and
- exceptions, distinguished-name and instance-path utilities, message pipes,
- worker threads, timers and an XML configuration reader.
- .
- This package contains the shared library.")
-# shlibs file and ldconfig trigger, so that programs built against the
-# library depend on this package.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
+Logging wrapper with a size-rotated local log file, return codes and
+exceptions, distinguished-name and instance-path utilities, message pipes,
+worker threads, timers and an XML configuration reader.
+
+This package contains the shared library.")
+# A shlibs control file, so that packages built against the library depend
+# on this package; postinst and postrm run ldconfig.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME "libzel-common-dev")
@@ -50,17 +54,20 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_ARCHITECTURE_INDEPENDENT OFF)
 # The headers include POCO headers; the CMake package finds POCO's.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libpoco-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
-  "${PROJECT_DESCRIPTION} (development files)
- Headers, the CMake package ZelCommon (target Zel::common) and the
- pkg-config file zel_common.pc.")
+  "${PROJECT_DESCRIPTION} - development files
+Headers (in /usr/include/zel), the CMake package ZelCommon (target
+Zel::common) and the pkg-config file zel_common.pc of libzel_common.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME "zel-tools")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
   "Command-line tool of the Zel framework's common library
- zel writes log records the way the framework's processes do, checks and
- takes apart distinguished names and instance paths, reads configuration
- files and names return codes.")
+zel writes log records the way the framework's processes do, checks and
+takes apart distinguished names and instance paths, reads configuration
+files and names return codes.")
+# Keeps CPack from putting the project's one-line summary in front of each
+# package's own synopsis.
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/CPackProjectConfig.cmake)
 
 # Component dependencies become "Depends: libzel-common1 (= <version>)".
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
