@@ -8,8 +8,11 @@
 #   - the top block becomes the file's documentation ("\file" is appended to
 #     its last line);
 #   - a block above a declaration becomes "///" documentation;
-#   - a trailing comment after ";" or "," becomes "///<", and so do lines that
-#     continue it in the same column;
+#   - a trailing comment after ";", "," an inline body "{ ... }" or on a
+#     #define becomes "///<", and so do lines that continue it in the same
+#     column;
+#   - the class a header is named after (class DnUtil in DnUtil.h) gets the
+#     top block's text too, unless a comment of its own stands above it;
 #   - comment lines indented by three or more blanks (examples such as
 #     "//   \"A=1\" -> \"\"") are kept verbatim;
 #   - "// --- section ---" rulers stay plain comments;
@@ -39,9 +42,16 @@ function emit(line) {
   held = line
   haveHeld = 1
   emitted++
+  lastWasComment = (line ~ /^[ \t]*\/\/\//)
 }
 
-BEGIN { atTop = 1; inVerbatim = 0; trailingColumn = 0; haveHeld = 0; emitted = 0 }
+BEGIN { atTop = 1; inVerbatim = 0; trailingColumn = 0; haveHeld = 0; emitted = 0; lastWasComment = 0 }
+
+FNR == 1 {
+  baseName = FILENAME
+  sub(/^.*\//, "", baseName)
+  sub(/\.h$/, "", baseName)
+}
 
 {
   line = $0
@@ -81,11 +91,19 @@ BEGIN { atTop = 1; inVerbatim = 0; trailingColumn = 0; haveHeld = 0; emitted = 0
   }
 
   trailingColumn = 0
+  # The class a header is named after is described by the header's top
+  # block; give the class that text too unless it has a comment of its own.
+  if (!lastWasComment && line ~ ("^(class|struct) ([A-Z_]+(\\([^)]*\\))? )*" baseName "( |$)")) {
+    emit("/** \\copydoc " baseName ".h */ " line)
+    lastWasComment = 0
+    next
+  }
   position = index(line, "//")
-  if (position > 0 && line !~ /^[ \t]*#/) {
+  if (position > 0 && (line !~ /^[ \t]*#/ || line ~ /^#define /)) {
     code = substr(line, 1, position - 1)
     comment = substr(line, position + 2)
-    if (code ~ /[;,][ \t]*$/ && substr(comment, 1, 1) != "/") {
+    if ((code ~ /[;,][ \t]*$/ || code ~ /[^ \t}].*}[ \t]*$/ || code ~ /^#define /) && code !~ /^[ \t]*};?[ \t]*$/ &&
+        substr(comment, 1, 1) != "/") {
       emit(code "///<" escape(comment))
       trailingColumn = position - 1
       next

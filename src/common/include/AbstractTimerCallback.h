@@ -25,7 +25,7 @@ class Timer;
 class ZEL_API AbstractTimerCallback {
  public:
   AbstractTimerCallback() {}
-  AbstractTimerCallback(const AbstractTimerCallback&) {}
+  AbstractTimerCallback(const AbstractTimerCallback&) {}  // copies nothing: the interface has no state
   // Copies nothing (the interface has no state) and returns this object.
   AbstractTimerCallback& operator=(const AbstractTimerCallback&) { return *this; }
   virtual ~AbstractTimerCallback();

@@ -24,11 +24,13 @@ class ZEL_API Clock {
   Clock();
   // The given number of microseconds.
   explicit Clock(long value) : _value(value) {}
-  Clock(const Clock& other) : _value(other._value) {}
+  Clock(const Clock& other) : _value(other._value) {}  // the same point in time
+  // Takes over the value of other.
   Clock& operator=(const Clock& other) {
     _value = other._value;
     return *this;
   }
+  // Sets the value to the given number of microseconds.
   Clock& operator=(long value) {
     _value = value;
     return *this;
@@ -61,14 +63,15 @@ class ZEL_API Clock {
     _value += microseconds;
     return *this;
   }
+  // A clock the given number of microseconds later: Clock(500) + 1000 == Clock(1500).
   Clock operator+(long microseconds) const { return Clock(_value + microseconds); }
 
-  bool operator==(const Clock& other) const { return _value == other._value; }
-  bool operator!=(const Clock& other) const { return _value != other._value; }
-  bool operator<(const Clock& other) const { return _value < other._value; }
-  bool operator<=(const Clock& other) const { return _value <= other._value; }
-  bool operator>(const Clock& other) const { return _value > other._value; }
-  bool operator>=(const Clock& other) const { return _value >= other._value; }
+  bool operator==(const Clock& other) const { return _value == other._value; }  // same point in time
+  bool operator!=(const Clock& other) const { return _value != other._value; }  // different points in time
+  bool operator<(const Clock& other) const { return _value < other._value; }  // earlier than other
+  bool operator<=(const Clock& other) const { return _value <= other._value; }  // not later than other
+  bool operator>(const Clock& other) const { return _value > other._value; }  // later than other
+  bool operator>=(const Clock& other) const { return _value >= other._value; }  // not earlier than other
 
  private:
   long _value;

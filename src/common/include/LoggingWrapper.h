@@ -93,7 +93,7 @@ class ZEL_API LoggingWrapper {
  public:
   // A numbered log file found in the log directory: (index, absolute path).
   typedef std::pair<int32_t, std::string> FileMatch;
-  typedef std::vector<FileMatch> FileMatches;
+  typedef std::vector<FileMatch> FileMatches;  // numbered files, sorted by (index, path)
 
   // The singleton; null until the first getInstance(). Read with acquire
   // semantics so a thread that sees it also sees the constructed object.
@@ -140,21 +140,22 @@ class ZEL_API LoggingWrapper {
   void start_logService();
 
   // --- configuration ---------------------------------------------------
-  const std::string& get_fname() const { return _fname; }
+  const std::string& get_fname() const { return _fname; }  // full path of the local log file
   // Switches the local file to a new path (close and reopen, appending).
   void set_fname(const std::string& fname);
-  unsigned get_level() const { return load(_level); }
-  void set_level(unsigned level) { store(_level, level); }
-  unsigned get_vek_level() const { return load(_vekLevel); }
-  void set_vek_level(unsigned level) { store(_vekLevel, level); }
-  unsigned get_vekSec_level() const { return load(_vekSecLevel); }
-  void set_vekSec_level(unsigned level) { store(_vekSecLevel, level); }
-  unsigned get_vekDebug_level() const { return load(_vekDebugLevel); }
-  void set_vekDebug_level(unsigned level) { store(_vekDebugLevel, level); }
-  void set_max_size(unsigned size) { store(_maxSize, size); }
-  unsigned get_max_size() const { return load(_maxSize); }
+  unsigned get_level() const { return load(_level); }         // highest level written (6)
+  void set_level(unsigned level) { store(_level, level); }     // sets the highest level written
+  unsigned get_vek_level() const { return load(_vekLevel); }   // levels bound for the log interface (63)
+  void set_vek_level(unsigned level) { store(_vekLevel, level); }  // sets that mask
+  unsigned get_vekSec_level() const { return load(_vekSecLevel); }  // security-log mask (63), only kept
+  void set_vekSec_level(unsigned level) { store(_vekSecLevel, level); }  // sets that mask
+  unsigned get_vekDebug_level() const { return load(_vekDebugLevel); }  // debug mask (63); bit 64 admits debug
+  void set_vekDebug_level(unsigned level) { store(_vekDebugLevel, level); }  // sets that mask
+  void set_max_size(unsigned size) { store(_maxSize, size); }  // size in bytes past which the file rotates
+  unsigned get_max_size() const { return load(_maxSize); }     // that size (5242880)
   // Number of numbered files kept by the rotation.
   unsigned get_max_count() const { return _maxCount; }
+  // True unless TAV_ENV is set; while true only the level decides, never the interface masks.
   bool isApplLogLevelCheckRequired() const { return _applLogLevelCheckRequired; }
   // Sets the framework's log interface (a ZelMgmtSpiLog_1); nullptr returns
   // to the local file.
@@ -187,6 +188,7 @@ class ZEL_API LoggingWrapper {
   // characters, the whole record at 999.
   void log_printf(const char* functionName, unsigned level, unsigned facility, const char* format, ...)
       __attribute__((format(printf, 5, 6)));
+  // log_printf with the arguments as a va_list.
   void vlog_printf(const char* functionName, unsigned level, unsigned facility, const char* format, va_list args)
       __attribute__((format(printf, 5, 0)));
 
@@ -221,6 +223,7 @@ class ZEL_API LoggingWrapper {
   void trace_v2_printf(ZelMwSpiTraceSubsystemHandle_2T handle, ZelMwSpiTraceLevelT level, const char* file,
                        const char* function, uint32_t line, const char* format, ...)
       __attribute__((format(printf, 7, 8)));
+  // trace_v2_printf with the arguments as a va_list.
   void vtrace_v2_printf(ZelMwSpiTraceSubsystemHandle_2T handle, ZelMwSpiTraceLevelT level, const char* file,
                         const char* function, uint32_t line, const char* format, va_list args)
       __attribute__((format(printf, 7, 0)));
@@ -230,6 +233,7 @@ class ZEL_API LoggingWrapper {
   // tag in front. Dropped while a version 2 interface is set.
   void trace_printf(const char* file, const char* function, uint32_t line, uint32_t level, uint32_t kind,
                     const char* format, ...) __attribute__((format(printf, 7, 8)));
+  // trace_printf with the arguments as a va_list.
   void vtrace_printf(const char* file, const char* function, uint32_t line, uint32_t level, uint32_t kind,
                      const char* format, va_list args) __attribute__((format(printf, 7, 0)));
 

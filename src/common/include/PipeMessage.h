@@ -23,7 +23,7 @@ enum MessageTypeT : int32_t {};
 
 class ZEL_API PipeMessage {
  public:
-  explicit PipeMessage(MessageTypeT type) : messageType(type) {}
+  explicit PipeMessage(MessageTypeT type) : messageType(type) {}  // a message of the given kind
   virtual ~PipeMessage();
 
   // Set by the constructor, never changed afterwards.

@@ -40,10 +40,10 @@ class ZEL_API ThreadWPipes : public Poco::Thread {
   ThreadWPipes& operator=(const ThreadWPipes&) = delete;
 
   // Descriptors of the two pipes, for poll()/select(); four distinct values.
-  int getInputReadFD() const;
-  int getInputWriteFD() const;
-  int getOutputReadFD() const;
-  int getOutputWriteFD() const;
+  int getInputReadFD() const;    // readable while work is queued for the worker
+  int getInputWriteFD() const;   // where the input's wake-up bytes are written
+  int getOutputReadFD() const;   // readable while results are queued for the owner
+  int getOutputWriteFD() const;  // where the output's wake-up bytes are written
 
   // Each forwards to one PipeExt operation on the named side and fails as it
   // does (Poco::SystemException on a failing mutex).

@@ -18,8 +18,8 @@ extern "C" {
 
 // Header of every framework interface record.
 struct ZelMgmtSpiInterface_1 {
-  const char* componentName;
-  const char* interfaceName;
+  const char* componentName;     // component that provides the interface
+  const char* interfaceName;     // name of the interface
   const char* interfaceVersion;  // e.g. "1", "2"
 };
 
@@ -27,7 +27,8 @@ struct ZelMgmtSpiInterface_1 {
 // operation receives (1, level, facility, finished record text) and returns
 // 0 on success.
 struct ZelMgmtSpiLog_1 {
-  ZelMgmtSpiInterface_1 header;
+  ZelMgmtSpiInterface_1 header;  // names the interface
+  // Writes one record: (1, level, facility, text); 0 means success.
   int32_t (*logWrite)(uint32_t one, uint32_t level, uint32_t facility, const char* text);
 };
 

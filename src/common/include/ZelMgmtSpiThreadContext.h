@@ -35,7 +35,7 @@ typedef uintptr_t ZelMgmtSpiThreadContextHandle_2T;
 // framework's record continues with further operations the library never
 // reads, so this declaration is a prefix of it.
 struct ZelMgmtSpiInterfacePortal_3 {
-  ZelMgmtSpiInterface_1 header;
+  ZelMgmtSpiInterface_1 header;  // names the interface
   // Looks up the interface named by `id` (passed by value) and stores it in
   // *result. Returns ZelNotExist (-2) when no such interface is present.
   ZelReturnT (*getInterface)(ZelMgmtSpiInterface_1 id, ZelMgmtSpiInterface_1** result);
@@ -45,13 +45,13 @@ struct ZelMgmtSpiInterfacePortal_3 {
 // kept as generic function pointers so the used ones sit where the framework
 // puts them.
 struct ZelMgmtSpiThreadContext_2 {
-  ZelMgmtSpiInterface_1 header;
-  void (*unusedSlot4)();
-  void (*unusedSlot5)();
-  void (*unusedSlot6)();
+  ZelMgmtSpiInterface_1 header;  // names the interface
+  void (*unusedSlot4)();         // not used by the library
+  void (*unusedSlot5)();         // not used by the library
+  void (*unusedSlot6)();         // not used by the library
   // Empties the list of `kind` in the calling thread's context.
   ZelReturnT (*clearMessages)(uint32_t kind);
-  void (*unusedSlot8)();
+  void (*unusedSlot8)();  // not used by the library
   // Gives read access to the list of `kind`: *messages receives an array of
   // NUL-terminated texts ended by a null pointer (possibly just the null
   // pointer), valid until *handle is released.

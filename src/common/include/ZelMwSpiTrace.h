@@ -24,17 +24,22 @@ typedef uint32_t ZelMwSpiTraceLevelT;
 
 // Version "1": text records. Results are not looked at.
 struct ZelMwSpiTrace_1 {
-  ZelMgmtSpiInterface_1 header;
+  ZelMgmtSpiInterface_1 header;  // names the interface; version "1"
+  // Writes a trace text of the given kind.
   ZelReturnT (*traceWrite)(uint32_t kind, const char* text);
+  // Writes a trace text with a function name (the library passes kind 9).
   ZelReturnT (*traceWriteFunction)(uint32_t kind, const char* function, const char* text);
+  // Writes a trace text with a function name and a value (kind 10, value 0).
   ZelReturnT (*traceWriteFunctionValue)(uint32_t kind, const char* function, uint32_t value, const char* text);
 };
 
 // Version "2": subsystems and unformatted records. Note vtrace's argument
 // order: the line comes before the function name.
 struct ZelMwSpiTrace_2 {
-  ZelMgmtSpiInterface_1 header;
+  ZelMgmtSpiInterface_1 header;  // names the interface; version "2"
+  // Registers the named subsystem and stores its handle; non-zero is a failure.
   ZelReturnT (*registerSubsystem)(const char* name, ZelMwSpiTraceSubsystemHandle_2T* handle);
+  // Writes one record from a format and the caller's unformatted arguments.
   void (*vtrace)(ZelMwSpiTraceSubsystemHandle_2T handle, ZelMwSpiTraceLevelT level, const char* file, uint32_t line,
                  const char* function, const char* format, va_list args);
 };

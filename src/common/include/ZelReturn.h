@@ -11,6 +11,7 @@
 
 #include "ZelExport.h"
 
+// Outcome of an operation at the framework boundary (32 bits, signed).
 enum ZelReturnT : int32_t {
   ZelOk = 0,
   ZelTryAgain = 1,
