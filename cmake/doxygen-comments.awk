@@ -17,14 +17,19 @@
 #     "//   \"A=1\" -> \"\"") are kept verbatim;
 #   - "// --- section ---" rulers stay plain comments;
 #   - everywhere else the characters doxygen would read as commands or
-#     markup (\ @ < > & # % $) are escaped, so the text appears as written.
+#     markup (\ @ < > & # % $) are escaped outside double quotes (doxygen
+#     takes quoted text literally), so the text appears as written.
 # Works with any POSIX awk (mawk included).
 
+# Doxygen reads text between double quotes literally, so only the text
+# outside quotes is escaped. Like doxygen, a quote left open at the end of a
+# line stays open on the next line of the same comment.
 function escape(text,    out, i, c) {
   out = ""
   for (i = 1; i <= length(text); i++) {
     c = substr(text, i, 1)
-    if (index("\\@<>&#%$", c) > 0) out = out "\\"
+    if (c == "\"") quoted = !quoted
+    else if (!quoted && index("\\@<>&#%$", c) > 0) out = out "\\"
     out = out c
   }
   return out
@@ -38,6 +43,7 @@ function flush(closeVerbatim) {
 }
 
 function emit(line) {
+  if (line !~ /^[ \t]*\/\/\/ /) quoted = 0
   flush(0)
   held = line
   haveHeld = 1
@@ -45,7 +51,7 @@ function emit(line) {
   lastWasComment = (line ~ /^[ \t]*\/\/\//)
 }
 
-BEGIN { atTop = 1; inVerbatim = 0; trailingColumn = 0; haveHeld = 0; emitted = 0; lastWasComment = 0 }
+BEGIN { quoted = 0; atTop = 1; inVerbatim = 0; trailingColumn = 0; haveHeld = 0; emitted = 0; lastWasComment = 0 }
 
 FNR == 1 {
   baseName = FILENAME
