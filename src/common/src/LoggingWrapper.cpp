@@ -16,6 +16,7 @@
 
 #include <Poco/File.h>
 
+#include "internal/LogFileNames.h"
 #include "internal/TimeStamp.h"
 
 namespace Zel {
@@ -40,6 +41,7 @@ const int kTimeSize = 30;
 static_assert(kTimeSize == internal::LocalTimeCache::kMaxStampLength + 1, "a stamp buffer holds the whole stamp");
 const unsigned kRawFacility = 13;
 const unsigned kHighestLevel = 6;
+const size_t kFunctionWidth = 25;  // the function name's column in file records
 
 // Wall-clock seconds broken into local time at most once per second; used
 // only under LoggingWrapper::_lock.
@@ -182,12 +184,6 @@ class FileBuffers {
 // strtol of an environment value, truncated to 32 bits; no error check.
 uint32_t parseEnvNumber(const char* value) { return static_cast<uint32_t>(std::strtol(value, nullptr, 10)); }
 
-// Position just past the last "/", or 0 for "" or a name without one.
-int32_t lastSlashEnd(const char* name) {
-  const char* slash = std::strrchr(name, '/');
-  return slash == nullptr ? 0 : static_cast<int32_t>(slash - name + 1);
-}
-
 // Aborts unless `dir` exists and is writable by this process.
 void checkLogDirectoryOrAbort(const std::string& dir) {
   bool exists = false;
@@ -220,12 +216,33 @@ size_t composeFileLine(char* record, size_t size, unsigned level, const char* fu
   char stamp[internal::LocalTimeCache::kMaxStampLength];
   const size_t stampLength = gTimeCache.write(stamp, now);
   const std::string tag = _get_level_str(level);
+  const size_t functionLength = functionName != nullptr ? std::strlen(functionName) : 0;
+  if (size == kRecordSize && tag.size() == 2 && functionName != nullptr && functionLength <= kFunctionWidth) {
+    // The usual record: everything before the message takes at most 59
+    // characters, so only the message can reach the cut.
+    char* out = record;
+    std::memcpy(out, stamp, stampLength);
+    out += stampLength;
+    *out++ = ' ';
+    std::memcpy(out, tag.data(), 2);
+    out += 2;
+    *out++ = ' ';
+    std::memset(out, ' ', kFunctionWidth);
+    std::memcpy(out, functionName, functionLength);
+    out += kFunctionWidth;
+    *out++ = ' ';
+    const size_t messageLength = strnlen(message, static_cast<size_t>(record + kRecordSize - 1 - out));
+    std::memcpy(out, message, messageLength);
+    out += messageLength;
+    *out = '\0';
+    return static_cast<size_t>(out - record);
+  }
   RecordText text(record, size);
   text.append(stamp, stampLength);
   text.appendChar(' ');
   text.appendPadded(tag.c_str(), 2, false);
   text.appendChar(' ');
-  text.appendPadded(functionName, 25, true);
+  text.appendPadded(functionName, kFunctionWidth, true);
   text.appendChar(' ');
   text.appendString(message);
   return text.finish();
@@ -280,7 +297,7 @@ LoggingWrapper::LoggingWrapper()
   checkLogDirectoryOrAbort(_dirName);
 
   if (const char* fname = std::getenv(_ZEL_LOGGING_FNAME)) {
-    const int32_t idx = lastSlashEnd(fname);
+    const int32_t idx = internal::filenameIndex(fname);
     if (idx > 0) {
       _dirName.assign(fname, static_cast<size_t>(idx));
       if (char* real = realpath(_dirName.c_str(), nullptr)) {
