@@ -248,7 +248,7 @@ TEST(PipeExt, EveryDrainSetsReadFlagsToExactlyNonBlocking) {
   Zel::PipeExt queue;
   ASSERT_EQ(0, fcntl(queue.readHandle(), F_SETFL, O_APPEND));
   queue.push(pool.make(1));
-  queue.pop();
+  EXPECT_EQ((std::vector<int>{1}), numbersOf(queue.pop()));
   EXPECT_EQ(O_NONBLOCK, statusFlags(queue.readHandle()) & (O_APPEND | O_NONBLOCK));
 
   // Made blocking again by another user: the next drain sets it back.
