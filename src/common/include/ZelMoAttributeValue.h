@@ -34,7 +34,7 @@ enum ZelMoAttributeValueTypeT : int32_t {
   ZelMoAttributeValueTypeBool = 10,
   ZelMoAttributeValueTypeReference = 11,
   ZelMoAttributeValueTypeEnum = 12,
-  ZelMoAttributeValueTypeReserved13 = 13,  // used by the framework, rejected by the library
+  ZelMoAttributeValueTypeReserved13 = 13,  // not handled by the library, rejected like 0
   ZelMoAttributeValueTypeStruct = 14
 };
 
@@ -52,7 +52,7 @@ union ZelMoAttributeValueData {
   uint64_t u64;   // type 8
   char* theString;  // type 9, NUL-terminated, may be null
   bool theBool;     // type 10
-  char* moRef;      // type 11, a distinguished name as text, may be null
+  char* moRef;      // type 11, a reference to a managed object as text, may be null
   int32_t theEnum;  // type 12 as the framework fills it; a copy holds only the low 16 bits, in i16
   ZelMoAttributeValueStructMember* structMember;  // type 14, first member or null
 };
