@@ -55,6 +55,32 @@ size_t writeFraction(char* out, long microseconds) {
   return count;
 }
 
+// Lengths of "YYYY-MM-DDThh:mm:ss." and "+hh:mm".
+const size_t kUsualPrefixLength = 20;
+const size_t kUsualSuffixLength = 6;
+
+// writeFraction for 0 <= value < 1000000: the first three digits of value
+// (all of them below 1000) at out; returns the end of what was written.
+char* writeLeadingDigits(char* out, unsigned value) {
+  if (value < 10) {
+    *out++ = static_cast<char>('0' + value);
+    return out;
+  }
+  if (value < 100) {
+    *out++ = static_cast<char>('0' + value / 10);
+    *out++ = static_cast<char>('0' + value % 10);
+    return out;
+  }
+  const unsigned lead = value >= 100000 ? value / 1000
+                        : value >= 10000  ? value / 100
+                        : value >= 1000   ? value / 10
+                                          : value;
+  *out++ = static_cast<char>('0' + lead / 100);
+  *out++ = static_cast<char>('0' + lead / 10 % 10);
+  *out++ = static_cast<char>('0' + lead % 10);
+  return out;
+}
+
 }  // namespace
 
 void LocalTimeCache::refresh(time_t second) {
@@ -77,6 +103,16 @@ void LocalTimeCache::refresh(time_t second) {
 
 size_t LocalTimeCache::write(char* out, const struct timeval& now) {
   if (now.tv_sec != _second) refresh(now.tv_sec);
+  const long microseconds = static_cast<long>(now.tv_usec);
+  if (_prefixLength == kUsualPrefixLength && _suffixLength == kUsualSuffixLength && microseconds >= 0 &&
+      microseconds < 1000000) {
+    // The usual shape, a four-digit year and an offset below 100 hours:
+    // fixed-size copies and the fraction's digits by hand.
+    std::memcpy(out, _prefix, kUsualPrefixLength);
+    char* end = writeLeadingDigits(out + kUsualPrefixLength, static_cast<unsigned>(microseconds));
+    std::memcpy(end, _suffix, kUsualSuffixLength);
+    return static_cast<size_t>(end - out) + kUsualSuffixLength;
+  }
   size_t length = copyCut(out, kMaxStampLength, _prefix, _prefixLength);
   char fraction[3];
   const size_t fractionLength = writeFraction(fraction, static_cast<long>(now.tv_usec));
