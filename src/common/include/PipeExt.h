@@ -27,13 +27,14 @@
 // while holding the mutex, and the consumer's pop() then waits for that same
 // mutex, so both would hang. To keep that out of reach, the constructor raises
 // the pipe's capacity to the system maximum (/proc/sys/fs/pipe-max-size,
-// 1 MiB by default; halving the request while the kernel refuses, and keeping
-// the default 64 KiB if it refuses every size). With the default maximum a
-// queue holds 1 048 576 unpopped messages before a push blocks (65 536 if the
-// raise was refused). Each raised pipe counts 256 pages against the user's
-// pipe quota (fs/pipe-user-pages-soft, 16384 pages by default), so an
-// unprivileged user gets the raise for about 64 pipes at a time; beyond that
-// the kernel refuses it and new pipes stay small.
+// 1 MiB by default), halving the request while the kernel refuses it and
+// otherwise keeping the size the pipe was created with. With the default
+// maximum a queue holds 1 048 576 unpopped messages before a push blocks
+// (65 536 in a pipe of the usual default size, if the raise was refused).
+// Each raised pipe counts 256 pages against its user's pipe quota
+// (fs/pipe-user-pages-soft, 16384 pages by default): an unprivileged user
+// gets the raise for about 64 pipes at a time, after which the kernel refuses
+// it and gives that user's new pipes only 8 KiB (8 192 messages).
 #ifndef ZEL_PIPE_EXT_H
 #define ZEL_PIPE_EXT_H
 
