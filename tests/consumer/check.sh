@@ -54,8 +54,9 @@ check() {
 }
 # A step that later steps depend on: stop when it fails.
 must() {
+  local before=$failed
   check "$@"
-  [ "$failed" -eq 0 ] || finish
+  [ "$failed" -eq "$before" ] || finish
 }
 finish() {
   printf '\npackage check: %d passed, %d failed\n' "$passed" "$failed"
