@@ -57,8 +57,9 @@ union ZelMoAttributeValueData {
   ZelMoAttributeValueStructMember* structMember;  // type 14, first member or null
 };
 
+// An attribute value: count elements of one type, in an array of slots.
 struct ZelMoAttributeValueContainer {
-  ZelMoAttributeValueTypeT type;
+  ZelMoAttributeValueTypeT type;    // type of every element; says which slot member is valid
   uint32_t count;                   // number of slots in values
   ZelMoAttributeValueData* values;  // count slots
 };

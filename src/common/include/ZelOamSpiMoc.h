@@ -25,7 +25,7 @@ struct ZelOamSpiMoc {
   // The class name, NUL-terminated, e.g. "ManagedElement". Compared exactly
   // (case-sensitive) with the class names of a DN.
   const char* name;
-  unsigned char _reserved1[80];
+  unsigned char _reserved1[80];  // members the library does not read
   // First containment record in which this class is the child, i.e. the head
   // of the list of its possible parents. Null for a root class.
   ZelOamSpiMocContainment* childContainment;
@@ -34,10 +34,10 @@ struct ZelOamSpiMoc {
 // One permitted parent of a class. The records of the same child are chained
 // through nextContainmentSameChild.
 struct ZelOamSpiMocContainment {
-  unsigned char _reserved1[48];
+  unsigned char _reserved1[48];  // members the library does not read
   // The containing (parent) class; may be null.
   ZelOamSpiMoc* parentMoc;
-  unsigned char _reserved2[24];
+  unsigned char _reserved2[24];  // members the library does not read
   // Next possible parent of the same child; null at the end of the list.
   ZelOamSpiMocContainment* nextContainmentSameChild;
 };
