@@ -38,6 +38,17 @@ void checkTimerAssertion(bool holds, const char* condition, const char* function
   __assert_fail(condition, kAssertFile, line, signature);
 }
 
+// `clock` moved `milliseconds` (>= 0) ahead; an interval too long for the
+// clock's range saturates at its end instead of wrapping into the past.
+Clock millisecondsLater(const Clock& clock, long milliseconds) {
+  long microseconds = 0;
+  long later = 0;
+  if (__builtin_mul_overflow(milliseconds, 1000L, &microseconds) ||
+      __builtin_add_overflow(clock.value(), microseconds, &later))
+    return Clock(Clock::CLOCKVAL_MAX);
+  return Clock(later);
+}
+
 // Milliseconds to wait for a deadline that is `microsecondsLeft` away:
 // truncated, and 0 once it is due.
 long waitMilliseconds(long microsecondsLeft) { return microsecondsLeft > 0 ? microsecondsLeft / 1000 : 0; }
@@ -59,7 +70,7 @@ Timer::Timer(long startInterval, long periodicInterval)
 Timer::~Timer() { stop(); }
 
 void Timer::start(const AbstractTimerCallback& callback) {
-  const Clock firstInvocation = Clock() + _startInterval * 1000;
+  const Clock firstInvocation = millisecondsLater(Clock(), _startInterval);
   // Only start() and stop(), on the application thread, write _pCallback.
   checkTimerAssertion(_pCallback == nullptr, "!_pCallback", "start", 28,
                       "void Zel::Timer::start(const Zel::AbstractTimerCallback&)");
@@ -129,9 +140,8 @@ void Timer::run() {
     if (_wakeUp.tryWait(wait)) {
       // Woken by restart() or stop(): a new period starts now, no invocation.
       Poco::FastMutex::ScopedLock guard(_mutex);
-      _nextInvocation.update();
       interval = _periodicInterval;
-      _nextInvocation += interval * 1000;
+      _nextInvocation = millisecondsLater(Clock(), interval);
       stopRequested = _stopRequested;
     } else {
       invokeCallback();
@@ -139,7 +149,7 @@ void Timer::run() {
       interval = _periodicInterval;
       // From the previous deadline, not from now: overdue deadlines are
       // invoked back to back on the next rounds instead of being skipped.
-      _nextInvocation += interval * 1000;
+      _nextInvocation = millisecondsLater(_nextInvocation, interval);
       stopRequested = _stopRequested;
     }
     if (stopRequested || interval <= 0) return;

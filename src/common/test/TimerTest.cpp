@@ -304,6 +304,24 @@ TEST(Timer, RestartWithPeriodOnTimerNeverStartedChangesNothing) {
   timer.stop();
 }
 
+TEST(Timer, IntervalsBeyondTheClockRangeWaitForeverWithoutWrapping) {
+  // A start delay or period whose microseconds overflow the clock must not
+  // wrap into the past (which would fire at once).
+  Recorder recorder;
+  Zel::Timer farStart(Zel::Clock::CLOCKVAL_MAX, 0);
+  farStart.start(RecordingCallback(&recorder));
+  Zel::Timer farPeriod(0, 1000);
+  farPeriod.start(RecordingCallback(&recorder));
+  ASSERT_TRUE(recorder.waitFor(1));  // farPeriod's first invocation
+  farPeriod.restart(Zel::Clock::CLOCKVAL_MAX / 10);
+  sleepMs(100);
+  EXPECT_EQ(1u, recorder.count());
+  const long before = nowUs();
+  farStart.stop();
+  farPeriod.stop();
+  EXPECT_LT(nowUs() - before, 1000 * 1000) << "stop wakes a timer waiting for a far deadline";
+}
+
 TEST(Timer, StopOnTimerNeverStartedReturnsAtOnce) {
   const int threadsBefore = threadsBeforeTimer();
   const int liveBefore = gLiveCallbacks.load();
