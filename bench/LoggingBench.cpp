@@ -377,8 +377,13 @@ class FloorLog {
     setvbuf(_file, _buffer.get(), _IOFBF, kBufferSize);
   }
 
+  // Shifts floor.log.N to N+1 and floor.log to .1, dropping the oldest. Each
+  // rename goes to a free name: renaming onto an existing file would make the
+  // file system start writing the renamed file back at once, which the
+  // wrapper's rotation (always onto a new number) does not cause either.
   void rotate() {
     fclose(_file);
+    unlink((_path + "." + std::to_string(kMaxFiles)).c_str());
     for (int i = kMaxFiles - 1; i >= 1; --i) {
       rename((_path + "." + std::to_string(i)).c_str(), (_path + "." + std::to_string(i + 1)).c_str());
     }
