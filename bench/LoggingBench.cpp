@@ -119,7 +119,8 @@ const uint32_t kTraceLine = 143;
 // --- temporary directories --------------------------------------------------
 
 // One fresh directory per process under $TMPDIR (or /tmp), holding one
-// sub-directory per contender; removed, with everything in it, at exit.
+// sub-directory per contender; removed, with everything in it, at exit
+// unless ZEL_BENCH_KEEP_FILES is set (to look at what each contender wrote).
 // Contenders register clean-up steps (closing their files) that run first.
 class BenchRoot {
  public:
@@ -138,6 +139,10 @@ class BenchRoot {
   }
   ~BenchRoot() {
     for (auto it = _cleanup.rbegin(); it != _cleanup.rend(); ++it) (*it)();
+    if (std::getenv("ZEL_BENCH_KEEP_FILES") != nullptr) {
+      std::fprintf(stderr, "zel_bench: files kept in %s\n", _path.c_str());
+      return;
+    }
     std::error_code ignored;
     std::filesystem::remove_all(_path, ignored);
   }
@@ -500,11 +505,22 @@ void BM_Logging_Spdlog(benchmark::State& state) {
   setRecordsProcessed(state);
 }
 
-void BM_Logging_PocoFileChannel(benchmark::State& state) {
+// Poco::format takes %s from a std::string only.
+const std::string& pocoFormat() {
   static const std::string format = kFormat;
+  return format;
+}
+const std::string& pocoTarget() {
+  static const std::string target = kTarget;
+  return target;
+}
+
+void BM_Logging_PocoFileChannel(benchmark::State& state) {
+  const std::string& format = pocoFormat();
+  const std::string& target = pocoTarget();
   Poco::Logger* logger = pocoLogger();
   const int error = EAGAIN;
-  for (auto _ : state) logger->error(format, error, kTarget);
+  for (auto _ : state) logger->error(format, error, target);
   setRecordsProcessed(state);
 }
 
@@ -596,9 +612,8 @@ void BM_Logging_AllocsSpdlog(benchmark::State& state) {
 }
 
 void BM_Logging_AllocsPocoFileChannel(benchmark::State& state) {
-  static const std::string format = kFormat;
   Poco::Logger* logger = pocoLogger();
-  allocationBenchmark(state, "", [logger] { logger->error(format, EAGAIN, kTarget); });
+  allocationBenchmark(state, "", [logger] { logger->error(pocoFormat(), EAGAIN, pocoTarget()); });
 }
 
 void BM_Logging_AllocsGlog(benchmark::State& state) {
