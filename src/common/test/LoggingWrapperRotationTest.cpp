@@ -30,6 +30,7 @@
 
 #include "LoggingWrapper.h"
 #include "internal/LogFileNames.h"
+#include "support/LogLines.h"
 #include "support/StderrCapture.h"
 #include "support/WrapperFixture.h"
 
@@ -666,7 +667,7 @@ TEST_F(LoggingWrapperRotationTest, WithoutAnOpenFileTheCheckDoesNothing) {
 
 // ------------------------------------------------------------ end to end
 
-const char* const kStampPattern = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{1,3}[+-]\d\d:\d\d)";
+using ZelTest::kStampPattern;
 
 std::string padded(const std::string& text, size_t width) {
   return text.size() >= width ? text : text + std::string(width - text.size(), ' ');

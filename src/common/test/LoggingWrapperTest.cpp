@@ -21,6 +21,7 @@
 #include "internal/TimeStamp.h"
 #include "support/ChildProcess.h"
 #include "support/Fakes.h"
+#include "support/LogLines.h"
 #include "support/StderrCapture.h"
 #include "support/WrapperFixture.h"
 
@@ -33,15 +34,9 @@ using ZelTest::StderrCapture;
 
 // The stamp is 29 characters when the fraction has three digits, fewer when
 // the microsecond count is below 100.
-const char* const kStampPattern = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{1,3}[+-]\d\d:\d\d)";
+using ZelTest::kStampPattern;
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> result;
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) result.push_back(line);
-  return result;
-}
+std::vector<std::string> lines(const std::string& text) { return ZelTest::splitLines(text); }
 
 // Splits a file line into its stamp and the rest (which starts with " ").
 std::pair<std::string, std::string> splitStamp(const std::string& line) {

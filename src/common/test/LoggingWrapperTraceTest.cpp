@@ -21,6 +21,7 @@
 #include "LoggingWrapper.h"
 #include "internal/LogFileNames.h"
 #include "support/Fakes.h"
+#include "support/LogLines.h"
 #include "support/StderrCapture.h"
 #include "support/WrapperFixture.h"
 
@@ -38,19 +39,13 @@ using ZelTest::writeFile;
 
 typedef std::vector<std::string> Names;
 
-const char* const kStampPattern = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{1,3}[+-]\d\d:\d\d)";
+using ZelTest::kStampPattern;
 
 std::string padded(const std::string& text, size_t width) {
   return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
 }
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> result;
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) result.push_back(line);
-  return result;
-}
+std::vector<std::string> lines(const std::string& text) { return ZelTest::splitLines(text); }
 
 // True when `line` is a time stamp followed by exactly `body`.
 ::testing::AssertionResult stampThen(const std::string& body, const std::string& line) {
