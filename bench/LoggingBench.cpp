@@ -12,7 +12,8 @@
 //   BM_Logging_PocoFileChannel  Poco::Logger -> PatternFormatter -> FileChannel
 //   BM_Logging_Glog           glog LOG(ERROR) into its own file only
 //   BM_Logging_Floor          the least work a record of this format needs:
-//                             message formatted outside a plain mutex, wall
+//                             message formatted outside an error-checking
+//                             mutex (the lock kind the wrapper must use), wall
 //                             clock read and local time cached per second
 //                             under it, stamp and line composed into stack
 //                             buffers, one fstat, one buffered write
@@ -26,6 +27,7 @@
 // file, and heap allocations per written record (counter allocs_per_record,
 // counted by the malloc hook below).
 #include <dirent.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -309,24 +311,32 @@ void trimGlogFile() {
 
 // --- contender: the floor --------------------------------------------------------
 
-// A plain mutex that a thread finding it taken retries for a moment before
-// sleeping on it, as the wrapper's record lock does: the floor gets every
-// trick the wrapper uses.
+// An error-checking mutex, the kind the wrapper's contract asks for, that a
+// thread finding it taken retries for a moment before sleeping on it, as the
+// wrapper's record lock does: the floor gets every trick the wrapper uses.
 class SpinThenBlockMutex {
  public:
+  SpinThenBlockMutex() {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_init(&_mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+  }
+  ~SpinThenBlockMutex() { pthread_mutex_destroy(&_mutex); }
   void lock() {
     for (int i = 0; i < 200; ++i) {
-      if (_mutex.try_lock()) return;
+      if (pthread_mutex_trylock(&_mutex) == 0) return;
 #if defined(__x86_64__) || defined(__i386__)
       __builtin_ia32_pause();
 #endif
     }
-    _mutex.lock();
+    pthread_mutex_lock(&_mutex);
   }
-  void unlock() { _mutex.unlock(); }
+  void unlock() { pthread_mutex_unlock(&_mutex); }
 
  private:
-  std::mutex _mutex;
+  pthread_mutex_t _mutex;
 };
 
 // The least work a record of the wrapper's file format needs, written by hand
