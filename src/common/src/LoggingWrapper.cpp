@@ -316,7 +316,9 @@ LoggingWrapper::LoggingWrapper()
 
 LoggingWrapper::~LoggingWrapper() {
   close();
-  FileBuffers::release(this);
+  // A stream still open here (reopened by set_fname after close) keeps its
+  // buffer: stdio flushes it at exit.
+  if (_file == nullptr) FileBuffers::release(this);
   delete _lock;  // the pointer is deliberately left as it is
 }
 
