@@ -35,10 +35,7 @@ ZelMoAttributeValueContainer* build(ZelFuzz::Reader& in, int depth) {
   c->values = new ZelMoAttributeValueData[c->count];
   for (uint32_t i = 0; i < c->count; ++i) {
     ZelMoAttributeValueData& slot = c->values[i];
-    slot.u64 = in.bits64();
-    // A C++ bool may only hold 0 or 1; any other byte in it is undefined
-    // before the library sees it.
-    if (c->type == ZelMoAttributeValueTypeBool) slot.theBool = (slot.u8 & 1) != 0;
+    slot.u64 = in.bits64();  // booleans too: any byte, as a framework in C may leave
     if (c->type == ZelMoAttributeValueTypeString || c->type == ZelMoAttributeValueTypeReference) {
       const uint8_t flag = in.byte();
       slot.theString = (flag & 1) != 0 ? nullptr : MoUtils::copyString(in.text(24).c_str());
@@ -126,7 +123,7 @@ bool sameValue(const ZelMoAttributeValueContainer* source, const ZelMoAttributeV
       case ZelMoAttributeValueTypeUint16: if (d.u16 != s.u16) return false; break;
       case ZelMoAttributeValueTypeUint32: if (d.u32 != s.u32) return false; break;
       case ZelMoAttributeValueTypeUint64: if (d.u64 != s.u64) return false; break;
-      case ZelMoAttributeValueTypeBool: if (d.theBool != s.theBool) return false; break;
+      case ZelMoAttributeValueTypeBool: if (d.u8 != s.u8) return false; break;
       case ZelMoAttributeValueTypeEnum:
         // Deliberately narrowed to the low 16 bits.
         if (d.i16 != static_cast<int16_t>(static_cast<uint32_t>(s.theEnum) & 0xFFFFu)) return false;

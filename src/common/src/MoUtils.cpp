@@ -73,7 +73,10 @@ void copySlot(ZelMoAttributeValueTypeT type, const ZelMoAttributeValueData& sour
     case ZelMoAttributeValueTypeUint16: target.u16 = source.u16; break;
     case ZelMoAttributeValueTypeUint32: target.u32 = source.u32; break;
     case ZelMoAttributeValueTypeUint64: target.u64 = source.u64; break;
-    case ZelMoAttributeValueTypeBool: target.theBool = source.theBool; break;
+    // The boolean's one byte is copied as a byte: a framework written in C
+    // may leave any non-zero byte there, which read as a C++ bool would be
+    // undefined.
+    case ZelMoAttributeValueTypeBool: target.u8 = source.u8; break;
     case ZelMoAttributeValueTypeEnum: target.i16 = lowSixteenBits(source.theEnum); break;
     // Pointer slots are nulled first so that a failed copy leaves nothing
     // for the clean-up to misread.

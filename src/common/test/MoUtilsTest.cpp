@@ -520,4 +520,18 @@ TEST(MoUtils, CopyOfCopyIsIndependentOfTheFirstCopy) {
   EXPECT_EQ(nullptr, second);
 }
 
+TEST(MoUtils, BooleanIsCopiedAsItsOneByteWhateverItHolds) {
+  // A framework in C may store any non-zero byte as "true".
+  ZelMoAttributeValueData slots[2];
+  slots[0].u64 = 0;
+  slots[0].u8 = 43;
+  slots[1].u64 = 0;
+  ZelMoAttributeValueContainer source{ZelMoAttributeValueTypeBool, 2, slots};
+  ZelMoAttributeValueContainer* copy = MoUtils::copyAttributeValueContainer(&source);
+  ASSERT_NE(nullptr, copy);
+  EXPECT_EQ(43, copy->values[0].u8);
+  EXPECT_EQ(0, copy->values[1].u8);
+  MoUtils::deleteAttributeValueContainer(&copy);
+}
+
 }  // namespace
