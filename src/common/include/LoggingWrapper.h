@@ -193,9 +193,9 @@ class ZEL_API LoggingWrapper {
       __attribute__((format(printf, 5, 0)));
 
   // Opens _fname for appending; on failure perror("Failed to open log file!").
-  void open_log_file();
+  void open_log_file() ZEL_REQUIRES(_lock);
   // Closes the local file if open; a failed close is reported on stderr.
-  void close_log_file();
+  void close_log_file() ZEL_REQUIRES(_lock);
 
   // --- rotation (callers hold _lock) ------------------------------------
   // dir + "/" + name, no normalisation: "zel.log.3" -> "/tmp/zel.log.3".
@@ -210,9 +210,9 @@ class ZEL_API LoggingWrapper {
   // Deletes the oldest files until at most the count limit remain.
   void removeOldLogFiles(FileMatches& matches);
   // One rotation step; the live file must be closed.
-  void rotateLogs();
+  void rotateLogs() ZEL_REQUIRES(_lock);
   // Rotates the live file when it has grown past the size limit.
-  void check_and_rotate_log_file();
+  void check_and_rotate_log_file() ZEL_REQUIRES(_lock);
 
   // --- tracing ----------------------------------------------------------
   // Accepts a version "1" or "2" trace interface (a ZelMwSpiTrace_1 or _2);
@@ -243,9 +243,10 @@ class ZEL_API LoggingWrapper {
 
   bool isClosed() const { return __atomic_load_n(&_closed, __ATOMIC_RELAXED); }
   // Composes the file line "<stamp> <tag> ..." into record; under _lock.
-  void composeFileRecord(char* record, size_t size, unsigned level, const char* functionName, const char* message);
+  void composeFileRecord(char* record, size_t size, unsigned level, const char* functionName, const char* message)
+      ZEL_REQUIRES(_lock);
   // Writes "record\n" to the open file, or to stderr when none is open; under _lock.
-  void writeRecordLine(const char* record);
+  void writeRecordLine(const char* record) ZEL_REQUIRES(_lock);
 
   ZelMgmtSpiInterface_1* _logSpi;     // written under _lock; read lock-free by the filter
   ZelMwSpiTrace_1* _traceSpi;         // guarded by _lock

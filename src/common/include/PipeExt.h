@@ -46,7 +46,6 @@
 
 #include "PipeMessage.h"
 #include "ZelExport.h"
-#include "ZelThreadAnnotations.h"
 
 namespace Zel {
 
@@ -91,7 +90,9 @@ class ZEL_API PipeExt : public Poco::Pipe {
 
  private:
   [[maybe_unused]] std::string _reserved;  // part of the object's layout; unused
-  std::list<PipeMessage*> _messages ZEL_GUARDED_BY(_mutex);
+  // Guarded by _mutex. (Members guarded by POCO mutexes are documented in
+  // comments: clang's lock analysis cannot see POCO's lock types.)
+  std::list<PipeMessage*> _messages;
   mutable Poco::Mutex _mutex;
 };
 

@@ -40,7 +40,6 @@
 #include "AbstractTimerCallback.h"
 #include "Clock.h"
 #include "ZelExport.h"
-#include "ZelThreadAnnotations.h"
 
 namespace Zel {
 
@@ -87,14 +86,17 @@ class ZEL_API Timer {
   void invokeCallback();
 
   const long _startInterval;
-  long _periodicInterval ZEL_GUARDED_BY(_mutex);
+  // _periodicInterval, _stopRequested, _pCallback and _nextInvocation are
+  // guarded by _mutex (documented here rather than annotated: clang's lock
+  // analysis cannot see POCO's lock types).
+  long _periodicInterval;
   Poco::Event _wakeUp;  // auto-reset; set by stop() and restart() to wake the thread early
-  bool _stopRequested ZEL_GUARDED_BY(_mutex);
+  bool _stopRequested;
   pthread_t _thread;  // valid while _pCallback is set
   // Written by start() before the thread exists and by stop() after joining
   // it, so the timer thread reads it without the lock.
-  AbstractTimerCallback* _pCallback ZEL_GUARDED_BY(_mutex);
-  Clock _nextInvocation ZEL_GUARDED_BY(_mutex);
+  AbstractTimerCallback* _pCallback;
+  Clock _nextInvocation;
   Poco::FastMutex _mutex;
 };
 
