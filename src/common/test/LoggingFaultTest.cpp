@@ -227,11 +227,18 @@ TEST_F(LoggingFaultTest, LogDirectoryMadeReadOnlyStopsRotationButNoRecordIsLost)
   writeRecord(w, 1);
   ASSERT_EQ(0, ::chmod(tmp.path().c_str(), 0500));
   StderrCapture cap;
-  for (int n = 2; n <= 30; ++n) writeRecord(w, n);
-  ZelTest::closeWrapperFile(w);
-  cap.release();
+  for (int n = 2; n <= 30; ++n) {
+    writeRecord(w, n);
+    ZelTest::closeWrapperFile(w);  // flushed, so that the size calls for rotations
+  }
+  EXPECT_EQ("", cap.release());
   ASSERT_EQ(0, ::chmod(tmp.path().c_str(), 0700));
-  // The rename was refused, so the live file was reopened and appended to.
+  // Every rotation's rename was refused, so the live file was reopened and
+  // appended to each time.
+  EXPECT_EQ(std::vector<std::string>{"zel.log"}, listDir(tmp.path()));
+  if (::geteuid() == 0) {
+    EXPECT_GT(ZelFault::injected(Call::Rename), 10);
+  }
   const std::string text = allLogText(tmp.path());
   for (int n = 1; n <= 30; ++n) EXPECT_TRUE(holdsRecord(text, n)) << n;
   survived();
