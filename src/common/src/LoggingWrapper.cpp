@@ -249,10 +249,26 @@ size_t composeFileLine(char* record, size_t size, unsigned level, const char* fu
 }
 
 // Writes "record\n" to the open file, or to standard error (flushed) when
-// there is none. Callers hold LoggingWrapper::_lock.
-void writeLineOrStderr(FILE* file, const char* record, size_t length) {
+// there is none; a file stream that fails to write is reported and dropped
+// (file becomes null). Callers hold LoggingWrapper::_lock.
+void writeLineOrStderr(FILE*& file, const char* record, size_t length) {
   if (file != nullptr) {
     writeLine(file, record, length);
+    if (!ferror_unlocked(file)) return;
+    // The stream could not write (disk full, file size limit): it would
+    // swallow every later record without a word. Say so, keep this record on
+    // standard error, and drop the stream like a failed fstat does, so that
+    // the next record opens the file again.
+    const int writeError = errno;
+    std::fprintf(stderr, "Failed to write log file. Errno: %d: %s\n", writeError, std::strerror(writeError));
+    std::fprintf(stderr, "%s\n", record);
+    std::fflush(stderr);
+    if (std::fclose(file) != 0) {
+      const int closeError = errno;
+      std::fprintf(stderr, "Failed to close log file. Errno: %d: %s\n", closeError, std::strerror(closeError));
+      std::fflush(stderr);
+    }
+    file = nullptr;
   } else {
     std::fprintf(stderr, "%s\n", record);
     std::fflush(stderr);

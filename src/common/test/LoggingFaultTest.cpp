@@ -388,9 +388,13 @@ void writeLimitChild(const std::string& dir) {
   writeRecord(w, n++);
   ZelTest::closeWrapperFile(w);
   const std::string err = cap.release();
-  // The stream could not hand over everything it held: reported once, when
-  // it was closed for the rotation.
-  CHILD_EXPECT_EQ(std::string("Failed to close log file. Errno: ") + errnoText(EFBIG) + "\n", err);
+  // The stream could not hand over what it held: reported at the record
+  // whose write hit the limit, which goes to standard error, and again when
+  // the dropped stream is closed.
+  const std::string writeFailure = "Failed to write log file. Errno: " + errnoText(EFBIG) + "\n";
+  CHILD_EXPECT_EQ(size_t(0), err.find(writeFailure));
+  CHILD_EXPECT(err.find("\nFailed to close log file. Errno: " + errnoText(EFBIG) + "\n") != std::string::npos);
+  CHILD_EXPECT_EQ(size_t(1), countOf(err, writeFailure));
   const std::string rotated = readFile(dir + "/zel.log.1");
   CHILD_EXPECT_EQ(static_cast<size_t>(limit), rotated.size());
   CHILD_EXPECT(rotated.back() != '\n');  // cut in the middle of a record
@@ -403,6 +407,35 @@ void writeLimitChild(const std::string& dir) {
 
 TEST_F(LoggingFaultTest, WriteLimitHitMidRecordIsReportedAndLoggingGoesOnInTheNextFile) {
   EXPECT_EXIT(writeLimitChild(tmp.path()), ::testing::ExitedWithCode(0), "");
+  survived();
+}
+
+// A file size limit below the rotation limit: the file can never grow far
+// enough to be rotated away.
+void writeLimitBelowRotationChild(const std::string& dir) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  LoggingWrapper* w = ZelTest::makeWrapper(dir, {{"ZEL_LOGGING_FMAXSIZE", "100000"}});
+  struct rlimit rl;
+  rl.rlim_cur = 1500;
+  rl.rlim_max = 1500;
+  CHILD_EXPECT(::setrlimit(RLIMIT_FSIZE, &rl) == 0);
+  StderrCapture cap;
+  const int last = 300;
+  for (int n = 1; n <= last; ++n) writeRecord(w, n);
+  ZelTest::closeWrapperFile(w);
+  const std::string err = cap.release();
+  // Each time the stream fails it is reported with the record at hand, and
+  // the next record opens the file again: the failure is never silent.
+  const std::string writeFailure = "Failed to write log file. Errno: " + errnoText(EFBIG) + "\n";
+  const size_t failures = countOf(err, writeFailure);
+  CHILD_EXPECT(failures >= 3);
+  CHILD_EXPECT_EQ(failures, countOf(err, " IN faulty "));
+  CHILD_EXPECT_EQ(size_t(1500), readFile(dir + "/zel.log").size());
+  _exit(0);
+}
+
+TEST_F(LoggingFaultTest, WriteLimitBelowTheRotationLimitIsReportedEachTimeNotSwallowed) {
+  EXPECT_EXIT(writeLimitBelowRotationChild(tmp.path()), ::testing::ExitedWithCode(0), "");
   survived();
 }
 
