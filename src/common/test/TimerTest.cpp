@@ -65,13 +65,23 @@ int threadCount() {
 // Threads of this process before a test starts a timer. One thread is started
 // and joined first, so helper threads that a runtime starts along with the
 // first thread of the process (a sanitizer's, say) are already counted.
+// A joined thread can still be listed in /proc for a moment after
+// pthread_join returns (the kernel finishes its exit after waking the
+// joiner), so the count is read once it has stopped changing.
 int threadsBeforeTimer() {
   static const bool warmedUp = [] {
     std::thread([] {}).join();
     return true;
   }();
   (void)warmedUp;
-  return threadCount();
+  int count = threadCount();
+  for (int stableReads = 0, tries = 0; stableReads < 5 && tries < 500; ++tries) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const int now = threadCount();
+    stableReads = now == count ? stableReads + 1 : 0;
+    count = now;
+  }
+  return count;
 }
 
 // Waits until the process has `expected` threads again.
@@ -330,7 +340,7 @@ TEST(Timer, StopOnTimerNeverStartedReturnsAtOnce) {
   timer.stop();
   timer.stop();
   EXPECT_LT(nowUs() - before, 1000 * 1000);
-  EXPECT_EQ(threadsBefore, threadCount());
+  EXPECT_TRUE(waitForThreadCount(threadsBefore));
   EXPECT_EQ(liveBefore, gLiveCallbacks.load());
 }
 
@@ -341,7 +351,7 @@ TEST(Timer, StartAfterStopRunsAsOneShot) {
   timer.start(RecordingCallback(&recorder));
   ASSERT_TRUE(recorder.waitFor(2)) << "periodic while first started";
   timer.stop();
-  EXPECT_EQ(threadsBefore, threadCount());
+  EXPECT_TRUE(waitForThreadCount(threadsBefore));
   const size_t firstRun = recorder.count();
 
   const long restarted = nowUs();
@@ -383,7 +393,7 @@ TEST(Timer, DestructorStopsARunningTimer) {
     ASSERT_TRUE(recorder.waitFor(2));
   }
   EXPECT_EQ(liveBefore, gLiveCallbacks.load());
-  EXPECT_EQ(threadsBefore, threadCount());
+  EXPECT_TRUE(waitForThreadCount(threadsBefore));
   const size_t count = recorder.count();
   sleepMs(60);
   EXPECT_EQ(count, recorder.count());
