@@ -149,17 +149,6 @@ bool sameValue(const ZelMoAttributeValueContainer* source, const ZelMoAttributeV
   return true;
 }
 
-// The clean-up copyStructMember's header documents for a partial copy.
-void freePartialMemberList(ZelMoAttributeValueStructMember* head) {
-  while (head != nullptr) {
-    ZelMoAttributeValueStructMember* next = head->next;
-    delete[] head->name;
-    MoUtils::deleteAttributeValueContainer(&head->value);
-    delete head;
-    head = next;
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -200,7 +189,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       FUZZ_CHECK(memberReason.compare(0, memberFailure.size(), memberFailure) == 0 &&
                      memberReason.empty() == memberFailure.empty(),
                  "copyStructMember reason [" + memberReason + "], expected [" + memberFailure + "]");
-      freePartialMemberList(head);
+      MoUtils::deleteStructMemberList(&head);
     }
   }
 

@@ -78,13 +78,7 @@ class ZEL_API MoUtils {
   //   try {
   //     MoUtils::copyStructMember(source, &head);
   //   } catch (const Zel::ZelException&) {
-  //     while (head != nullptr) {
-  //       ZelMoAttributeValueStructMember* next = head->next;
-  //       delete[] head->name;
-  //       MoUtils::deleteAttributeValueContainer(&head->value);
-  //       delete head;
-  //       head = next;
-  //     }
+  //     MoUtils::deleteStructMemberList(&head);
   //     throw;
   //   }
   //
@@ -101,6 +95,13 @@ class ZEL_API MoUtils {
   // container is then left allocated and *container unchanged. A container
   // with count 0 is freed without looking at its type.
   static void deleteAttributeValueContainer(ZelMoAttributeValueContainer** container);
+
+  // Frees a member list made by copyStructMember, complete or partial (each
+  // member's name, its value with deleteAttributeValueContainer, the member),
+  // and sets *head to nullptr. Does nothing when head or *head is nullptr.
+  // Passes on deleteAttributeValueContainer's unsupported-type exception; the
+  // members not yet freed then stay linked from *head.
+  static void deleteStructMemberList(ZelMoAttributeValueStructMember** head);
 };
 
 }  // namespace Zel

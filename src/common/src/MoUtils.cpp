@@ -47,18 +47,7 @@ void freeSlot(ZelMoAttributeValueTypeT type, ZelMoAttributeValueData& slot) {
   }
 }
 
-void freeMemberList(ZelMoAttributeValueStructMember* member) {
-  while (member != nullptr) {
-    ZelMoAttributeValueStructMember* next = member->next;
-    if (member->name != nullptr) {
-      delete[] member->name;
-      member->name = nullptr;
-    }
-    MoUtils::deleteAttributeValueContainer(&member->value);
-    delete member;
-    member = next;
-  }
-}
+void freeMemberList(ZelMoAttributeValueStructMember* member) { MoUtils::deleteStructMemberList(&member); }
 
 // Copies one element, writing only the bytes of its type into target. The
 // type must be a handled one.
@@ -160,6 +149,19 @@ void MoUtils::deleteAttributeValueContainer(ZelMoAttributeValueContainer** conta
   if (doomed->values != nullptr) delete[] doomed->values;
   delete doomed;
   *container = nullptr;
+}
+
+void MoUtils::deleteStructMemberList(ZelMoAttributeValueStructMember** head) {
+  if (head == nullptr) return;
+  while (ZelMoAttributeValueStructMember* member = *head) {
+    if (member->name != nullptr) {
+      delete[] member->name;
+      member->name = nullptr;
+    }
+    deleteAttributeValueContainer(&member->value);
+    *head = member->next;
+    delete member;
+  }
 }
 
 }  // namespace Zel

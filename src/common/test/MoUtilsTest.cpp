@@ -51,18 +51,6 @@ struct OneValue {
   explicit OneValue(ZelMoAttributeValueTypeT type) : container{type, 1, slot} { std::memset(slot, 0, sizeof(slot)); }
 };
 
-// Frees a member list the way MoUtils.h tells callers to after a failed
-// copyStructMember.
-void freePartialMemberList(ZelMoAttributeValueStructMember*& head) {
-  while (head != nullptr) {
-    ZelMoAttributeValueStructMember* next = head->next;
-    delete[] head->name;
-    MoUtils::deleteAttributeValueContainer(&head->value);
-    delete head;
-    head = next;
-  }
-}
-
 // --- copyString ---------------------------------------------------------
 
 TEST(MoUtils, CopyStringCopiesTextAndTerminatingNulIntoNewArray) {
@@ -375,7 +363,7 @@ TEST(MoUtils, StructureMembersAreCopiedInOrderAndEndWithNullNext) {
   EXPECT_EQ(&s.third, s.second.next);
   EXPECT_EQ(nullptr, s.third.next);
 
-  freePartialMemberList(head);
+  MoUtils::deleteStructMemberList(&head);
 }
 
 TEST(MoUtils, StructureContainerIsCopiedAndDeletedDeeply) {
@@ -437,7 +425,7 @@ TEST(MoUtils, NestedStructureThrowsAfterFirstMemberWasCopied) {
   EXPECT_EQ(nullptr, head->next);
 
   // The documented clean-up frees it completely (checked by the memcheck run).
-  freePartialMemberList(head);
+  MoUtils::deleteStructMemberList(&head);
   EXPECT_EQ(nullptr, head);
 }
 
@@ -475,7 +463,7 @@ TEST(MoUtils, UnhandledMemberValueLeavesThatMemberWithNullValue) {
   EXPECT_STREQ("bad", head->next->name);
   EXPECT_EQ(nullptr, head->next->value);
   EXPECT_EQ(nullptr, head->next->next);
-  freePartialMemberList(head);
+  MoUtils::deleteStructMemberList(&head);
 }
 
 TEST(MoUtils, ContainerCopyFailingInsideStructureReturnsNothingAndLeaksNothing) {
@@ -532,6 +520,25 @@ TEST(MoUtils, BooleanIsCopiedAsItsOneByteWhateverItHolds) {
   EXPECT_EQ(43, copy->values[0].u8);
   EXPECT_EQ(0, copy->values[1].u8);
   MoUtils::deleteAttributeValueContainer(&copy);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(MoUtils, DeleteStructMemberListFreesEveryMemberAndNullsTheHead) {
+  Zel::MoUtils::deleteStructMemberList(nullptr);
+  ZelMoAttributeValueStructMember* empty = nullptr;
+  Zel::MoUtils::deleteStructMemberList(&empty);
+  EXPECT_EQ(nullptr, empty);
+
+  // A two-member list as copyStructMember makes it.
+  ZelMoAttributeValueStructMember* head = new ZelMoAttributeValueStructMember();
+  head->name = Zel::MoUtils::copyString("first");
+  head->next = new ZelMoAttributeValueStructMember();
+  head->next->name = Zel::MoUtils::copyString("second");
+  Zel::MoUtils::deleteStructMemberList(&head);
+  EXPECT_EQ(nullptr, head);  // memcheck and LSan see that nothing is left
 }
 
 }  // namespace
