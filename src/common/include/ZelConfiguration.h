@@ -8,6 +8,13 @@
 // successful load() or its destruction. Copies of the object share the
 // document.
 //
+// Untrusted input: load() refuses a document whose elements nest deeper than
+// MAX_ELEMENT_DEPTH, while parsing and before the deep part is built, so no
+// recursion over the tree (POCO releases elements recursively) can run out of
+// stack. The lookups walk the tree iteratively and cost time linear in the
+// size of the document; the list of getElementsByTagName() answers item(i)
+// and length() in constant time.
+//
 // Errors: load() throws Zel::ZelException; getElementsByTagName() without a
 // document throws Poco::NullPointerException. Nothing is logged.
 //
@@ -30,6 +37,10 @@ namespace Zel {
 
 class ZEL_API ZelConfiguration {
  public:
+  // Deepest nesting of elements load() accepts: the document element is at
+  // level 1. No real configuration comes near it.
+  static const unsigned MAX_ELEMENT_DEPTH = 1000;
+
   // Starts with no document.
   ZelConfiguration();
   // Releases the document reference, if any.
@@ -44,6 +55,11 @@ class ZEL_API ZelConfiguration {
   //   no such file                    -> source itself is parsed as XML text:
   //                                      "<a><b>x</b></a>" loads, while a
   //                                      mistyped path fails as bad XML
+  //   elements nested deeper than MAX_ELEMENT_DEPTH
+  //                                   -> ZelException("elements nested deeper
+  //                                      than the limit of 1000 levels (line L,
+  //                                      column C)"), C the position of the
+  //                                      opening tag of the first element too deep
   // A parse or file-system error throws ZelException whose reason is POCO's
   // displayText() of the error. On any failure the object keeps the document
   // it had (or stays empty).
@@ -55,10 +71,14 @@ class ZEL_API ZelConfiguration {
   // True while a document is held.
   bool isLoaded() const;
 
-  // All elements named tagName anywhere in the document, in document order.
-  // The caller owns one reference to the list and must release() it (or hand
-  // it to a Poco::AutoPtr). Throws Poco::NullPointerException (default
-  // message) when nothing is loaded.
+  // All elements named tagName anywhere in the document, in document order;
+  // "*" names every element. The list is collected once, in one walk over
+  // the document: item(i) and length() take constant time, and item(i) past
+  // the end is null. It is a snapshot that keeps its document and its
+  // elements alive, and does not follow later changes of the tree. The
+  // caller owns one reference to the list and must release() it (or hand it
+  // to a Poco::AutoPtr). Throws Poco::NullPointerException (default message)
+  // when nothing is loaded.
   Poco::XML::NodeList* getElementsByTagName(std::string tagName) const;
 
   // The text directly inside element: its text-node children concatenated in
@@ -72,6 +92,7 @@ class ZEL_API ZelConfiguration {
   // "" when there is none or more than one.
   //   <r><v>1</v></r>, "v"                -> "1"
   //   <r><v>1</v><g><v>2</v></g></r>, "v" -> ""   (two matches)
+  // One walk over the elements below element, stopping at a second match.
   // element must not be null.
   static std::string getElementValue(ZelConfiguration& config, Poco::XML::Element* element, std::string tagName);
 
@@ -80,7 +101,7 @@ class ZEL_API ZelConfiguration {
   // unchanged when there is none. Unlike the overload above it accepts any
   // number of matches:
   //   <r><v>1</v><g><v>2</v></g></r>, "v" -> true, value "2"
-  // element must not be null.
+  // One walk over the elements below element. element must not be null.
   static bool getElementValue(ZelConfiguration& config, Poco::XML::Element* element, const std::string& tagName,
                               std::string& value);
 

@@ -68,6 +68,23 @@ std::vector<std::string> textsOf(const ZelConfiguration& config, const std::stri
   return texts;
 }
 
+// `depth` elements <a> nested in each other around the text x.
+std::string nested(size_t depth) {
+  std::string text;
+  text.reserve(depth * 7 + 1);
+  for (size_t i = 0; i < depth; ++i) text += "<a>";
+  text += "x";
+  for (size_t i = 0; i < depth; ++i) text += "</a>";
+  return text;
+}
+
+// The reason given for a document one level too deep whose 1001st opening
+// tag starts at `column` of line `line`.
+std::string tooDeep(int line, int column) {
+  return "elements nested deeper than the limit of 1000 levels (line " + std::to_string(line) + ", column " +
+         std::to_string(column) + ")";
+}
+
 class ZelConfigurationTest : public ZelTest::TempDirTest {};
 
 // --- load --------------------------------------------------------------------
@@ -189,6 +206,87 @@ TEST_F(ZelConfigurationTest, SuccessfulLoadReplacesDocumentAndUnloadEmpties) {
   EXPECT_TRUE(config.isLoaded());
 }
 
+// --- nesting limit --------------------------------------------------------------
+
+TEST_F(ZelConfigurationTest, NestingLimitIsAThousandLevels) {
+  EXPECT_EQ(1000u, ZelConfiguration::MAX_ELEMENT_DEPTH);
+}
+
+TEST_F(ZelConfigurationTest, DocumentNestedExactlyToTheLimitLoads) {
+  ZelConfiguration config;
+  config.load(nested(1000));
+  NodeListPtr all(config.getElementsByTagName("a"));
+  ASSERT_EQ(1000u, all->length());
+  EXPECT_EQ("x", config.get_text(static_cast<Poco::XML::Element*>(all->item(999))));
+}
+
+TEST_F(ZelConfigurationTest, OneLevelBeyondTheLimitThrowsNamingTheLimitAndKeepsEarlierDocument) {
+  ZelConfiguration config;
+  config.load("<a><b>kept</b></a>");
+  // The 1001st "<a>" starts 3000 characters into the line.
+  EXPECT_EQ(tooDeep(1, 3000), loadFailure(config, nested(1001)));
+  EXPECT_TRUE(config.isLoaded());
+  EXPECT_EQ((std::vector<std::string>{"kept"}), textsOf(config, "b"));
+}
+
+TEST_F(ZelConfigurationTest, DepthCountsOpenElementsNotElementsSeen) {
+  // Many siblings, each nested 999 deep below the root: never deeper than
+  // 1000 at any point.
+  std::string text = "<r>";
+  for (int i = 0; i < 5; ++i) {
+    const std::string inner = nested(999);
+    text += inner;
+  }
+  text += "</r>";
+  ZelConfiguration config;
+  config.load(text);
+  NodeListPtr all(config.getElementsByTagName("a"));
+  EXPECT_EQ(5u * 999u, all->length());
+}
+
+TEST_F(ZelConfigurationTest, HostileDeepTextIsRejectedWithoutCrashing) {
+  // 300 000 levels: releasing a tree that deep recursively overflows the
+  // stack, so it must never be built.
+  ZelConfiguration config;
+  config.load("<a><b>kept</b></a>");
+  EXPECT_EQ(tooDeep(1, 3000), loadFailure(config, nested(300000)));
+  EXPECT_EQ((std::vector<std::string>{"kept"}), textsOf(config, "b"));
+}
+
+TEST_F(ZelConfigurationTest, HostileDeepFileIsRejectedWithoutCrashing) {
+  const std::string path = tmp.file("deep.xml");
+  ZelTest::writeFile(path, "<?xml version=\"1.0\"?>\n" + nested(300000) + "\n");
+  ZelConfiguration config;
+  EXPECT_EQ(tooDeep(2, 3000), loadFailure(config, path));
+  EXPECT_FALSE(config.isLoaded());
+}
+
+TEST_F(ZelConfigurationTest, NestingBroughtInByEntitiesCountsToo) {
+  // &f; opens 600 levels; &e; opens 600 levels around &f;. The depth is
+  // counted on the elements the parser reports, after entity expansion.
+  std::string outer;
+  for (int i = 0; i < 600; ++i) outer += "<c>";
+  outer += "&f;";
+  for (int i = 0; i < 600; ++i) outer += "</c>";
+  const std::string doctype =
+      "<!DOCTYPE r [<!ENTITY f \"" + nested(600) + "\"><!ENTITY e \"" + outer + "\">]>";
+  ZelConfiguration config;
+  config.load(doctype + "<r>&f;</r>");
+  NodeListPtr all(config.getElementsByTagName("a"));
+  EXPECT_EQ(600u, all->length());
+  const std::string reason = loadFailure(config, doctype + "<r>&e;</r>");
+  EXPECT_EQ(0u, reason.find("elements nested deeper than the limit of 1000 levels")) << reason;
+}
+
+TEST_F(ZelConfigurationTest, MalformedDeepTextReportsTheLimitFirst) {
+  // The limit is checked while parsing, so a deep text that would also fail
+  // later (it is never closed) is rejected for its depth.
+  ZelConfiguration config;
+  std::string text;
+  for (int i = 0; i < 2000; ++i) text += "<a>";
+  EXPECT_EQ(tooDeep(1, 3000), loadFailure(config, text));
+}
+
 // --- getElementsByTagName ------------------------------------------------------------
 
 TEST_F(ZelConfigurationTest, GetElementsByTagNameBeforeLoadThrowsNullPointerException) {
@@ -214,6 +312,73 @@ TEST_F(ZelConfigurationTest, GetElementsByTagNameFindsAllDepthsInDocumentOrder) 
   EXPECT_EQ((std::vector<std::string>{"1", "2", "3", "4"}), textsOf(config, "v"));
   NodeListPtr none(config.getElementsByTagName("nothing"));
   EXPECT_EQ(0u, none->length());
+}
+
+TEST_F(ZelConfigurationTest, GetElementsByTagNameListsWhatPocosOwnListLists) {
+  const std::string text =
+      "<r xmlns:n='urn:x'><v>1</v><n:v>2</n:v><g><v>3<v>4</v></v><!--v--><w/></g><?v x?><v/></r>";
+  ZelConfiguration config;
+  config.load(text);
+  Poco::XML::DOMParser parser;
+  parser.setFeature(Poco::XML::DOMParser::FEATURE_FILTER_WHITESPACE, true);
+  Poco::AutoPtr<Poco::XML::Document> document(parser.parseString(text));
+  for (const char* name : {"v", "n:v", "w", "g", "r", "*", "none", ""}) {
+    NodeListPtr ours(config.getElementsByTagName(name));
+    NodeListPtr pocos(document->getElementsByTagName(name));
+    ASSERT_EQ(pocos->length(), ours->length()) << name;
+    for (unsigned long i = 0; i < ours->length(); ++i) {
+      EXPECT_EQ(pocos->item(i)->nodeName(), ours->item(i)->nodeName()) << name << " " << i;
+      EXPECT_EQ(config.get_text(static_cast<Poco::XML::Element*>(pocos->item(i))),
+                config.get_text(static_cast<Poco::XML::Element*>(ours->item(i))))
+          << name << " " << i;
+    }
+  }
+  NodeListPtr all(config.getElementsByTagName("*"));
+  EXPECT_EQ(8u, all->length());  // r v n:v g v v w v
+}
+
+TEST_F(ZelConfigurationTest, GetElementsByTagNameItemPastTheEndIsNull) {
+  ZelConfiguration config;
+  config.load("<r><v>1</v></r>");
+  NodeListPtr list(config.getElementsByTagName("v"));
+  ASSERT_EQ(1u, list->length());
+  EXPECT_NE(nullptr, list->item(0));
+  EXPECT_EQ(nullptr, list->item(1));
+  EXPECT_EQ(nullptr, list->item(ULONG_MAX));
+}
+
+TEST_F(ZelConfigurationTest, GetElementsByTagNameListKeepsItsElementsAliveAfterUnload) {
+  ZelConfiguration config;
+  config.load("<r><v>one</v><v>two</v></r>");
+  NodeListPtr list(config.getElementsByTagName("v"));
+  config.unload();
+  config.load("<r><v>other</v></r>");
+  // The list still holds the first document (AddressSanitizer and the
+  // memcheck run see any use after free or leak here).
+  ASSERT_EQ(2u, list->length());
+  EXPECT_EQ("two", config.get_text(static_cast<Poco::XML::Element*>(list->item(1))));
+}
+
+TEST_F(ZelConfigurationTest, GetElementsByTagNameListCanBeHandedToTheDocumentsReleasePool) {
+  ZelConfiguration config;
+  config.load("<r><v>1</v></r>");
+  Poco::XML::NodeList* list = config.getElementsByTagName("v");
+  // Released with the document's auto-release pool instead of by the caller.
+  list->autoRelease();
+  EXPECT_EQ(1u, list->length());
+  config.unload();
+}
+
+TEST_F(ZelConfigurationTest, GetElementsByTagNameWalksManyEqualElementsInOrder) {
+  std::string text = "<r>";
+  for (int i = 0; i < 32000; ++i) text += "<v>" + std::to_string(i) + "</v>";
+  text += "</r>";
+  ZelConfiguration config;
+  config.load(text);
+  NodeListPtr list(config.getElementsByTagName("v"));
+  ASSERT_EQ(32000u, list->length());
+  for (unsigned long i = 0; i < list->length(); ++i)
+    ASSERT_EQ(std::to_string(i), config.get_text(static_cast<Poco::XML::Element*>(list->item(i))));
 }
 
 // --- get_text ---------------------------------------------------------------------
@@ -243,6 +408,20 @@ TEST_F(ZelConfigurationTest, GetTextKeepsWhiteSpaceInsideText) {
   ZelConfiguration config;
   config.load("<v>  a b  </v>");
   EXPECT_EQ("  a b  ", config.get_text(firstElement(config, "v")));
+}
+
+TEST_F(ZelConfigurationTest, GetTextJoinsManyTextChildrenInOrder) {
+  // Comments split the text into 2 000 text nodes.
+  std::string text = "<v>";
+  std::string expected;
+  for (int i = 0; i < 2000; ++i) {
+    text += std::to_string(i % 10) + "<!---->";
+    expected += std::to_string(i % 10);
+  }
+  text += "</v>";
+  ZelConfiguration config;
+  config.load(text);
+  EXPECT_EQ(expected, config.get_text(firstElement(config, "v")));
 }
 
 TEST_F(ZelConfigurationTest, GetTextWorksWithoutOwnDocument) {
@@ -291,6 +470,33 @@ TEST_F(ZelConfigurationTest, GetElementValueLooksOnlyBelowTheElement) {
   EXPECT_EQ("inside", ZelConfiguration::getElementValue(config, g, "v"));
   // The element itself does not count as its own descendant.
   EXPECT_EQ("", ZelConfiguration::getElementValue(config, g, "g"));
+}
+
+TEST_F(ZelConfigurationTest, GetElementValueOverloadsOnManyMatchesAtAnyDepth) {
+  std::string text = "<r>";
+  for (int i = 0; i < 5000; ++i) text += "<g><v>" + std::to_string(i) + "</v></g>";
+  text += "<h><v>last</v></h></r>";
+  ZelConfiguration config;
+  config.load(text);
+  Poco::XML::Element* r = firstElement(config, "r");
+  EXPECT_EQ("", ZelConfiguration::getElementValue(config, r, "v"));
+  std::string value;
+  EXPECT_TRUE(ZelConfiguration::getElementValue(config, r, "v", value));
+  EXPECT_EQ("last", value);
+  // Below one <h> there is exactly one.
+  EXPECT_EQ("last", ZelConfiguration::getElementValue(config, firstElement(config, "h"), "v"));
+}
+
+TEST_F(ZelConfigurationTest, GetElementValueStarMatchesAnyElement) {
+  ZelConfiguration config;
+  config.load("<r><g><v>1</v></g></r>");
+  Poco::XML::Element* r = firstElement(config, "r");
+  // Two elements below r (g and v): not exactly one.
+  EXPECT_EQ("", ZelConfiguration::getElementValue(config, r, "*"));
+  std::string value;
+  EXPECT_TRUE(ZelConfiguration::getElementValue(config, r, "*", value));
+  EXPECT_EQ("1", value);
+  EXPECT_EQ("1", ZelConfiguration::getElementValue(config, firstElement(config, "g"), "*"));
 }
 
 TEST_F(ZelConfigurationTest, GetElementValueGivesDirectTextOfTheMatch) {
