@@ -8,6 +8,7 @@
 #ifndef ZEL_TOOL_CLI_H
 #define ZEL_TOOL_CLI_H
 
+#include <istream>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,10 @@ std::string quoted(const std::string& text);
 
 // The subcommands. Each takes the arguments after its own name.
 int runLog(const Args& args);
+// runLog reading `input` in place of standard input; closes the logging
+// wrapper at the end (flushing the file) only when closeWhenDone is set, as
+// runLog does. A closed wrapper writes nothing more in this process.
+int runLogFrom(const Args& args, std::istream& input, bool closeWhenDone);
 int runDn(const Args& args);
 int runXPath(const Args& args);
 int runConfig(const Args& args);

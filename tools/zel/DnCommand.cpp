@@ -24,8 +24,8 @@ const char* const USAGE =
     "          with A-Z, blanks allowed around \",\" and \"=\".\n"
     "split     prints the lines \"class:\", \"id:\", \"parent:\" and \"leaf class:\"\n"
     "          (class and leaf class differ in trimming: \"X=1,Eq .k=3\" gives\n"
-    "          class \"Eq\" and leaf class \"Eq \"). Warns on standard error when\n"
-    "          DN is not well-formed.\n"
+    "          class \"Eq\" and leaf class \"Eq \"). Says so on standard error\n"
+    "          and exits 1, after printing them, when DN is not well-formed.\n"
     "build     prints PARENT,CLASS=VALUE (CLASS.KEY=VALUE when KEY is neither\n"
     "          CLASSid nor id, ignoring case); PARENT may be \"\". Exits 1, after\n"
     "          printing it, when the result is not a well-formed DN.\n"
@@ -69,7 +69,6 @@ int validate(const Args& args) {
 int split(const Args& args) {
   if (args.size() != 1) return wrongCount("split", "one DN", args.size());
   const std::string& dn = args[0];
-  if (!Zel::DnUtil::isValidDn(dn)) std::cerr << actionCommand("split") << ": warning: " << quoted(dn) << " is not a well-formed DN\n";
   std::string rest = dn;
   std::string leafClass;
   Zel::DnUtil::popLeafClass(rest, leafClass);  // leaves leafClass empty for "AB"
@@ -77,7 +76,9 @@ int split(const Args& args) {
             << "id: " << Zel::DnUtil::getId(dn) << "\n"
             << "parent: " << Zel::DnUtil::getParentDn(dn) << "\n"
             << "leaf class: " << leafClass << "\n";
-  return ExitOk;
+  if (Zel::DnUtil::isValidDn(dn)) return ExitOk;
+  std::cerr << actionCommand("split") << ": " << quoted(dn) << " is not a well-formed DN\n";
+  return ExitNegative;
 }
 
 int build(const Args& args) {

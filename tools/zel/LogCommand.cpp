@@ -1,15 +1,20 @@
 // LogCommand.cpp - `zel log`: write records through the logging wrapper, so
 // that shell scripts log to the same file, in the same format and under the
 // same settings (TMPDIR, ZEL_LOGGING_*) as the framework's processes.
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <string>
 
 #include "Cli.h"
+#include "LogEscape.h"
 #include "LoggingWrapper.h"
 
 namespace ZelTool {
@@ -20,34 +25,48 @@ const char* const COMMAND = "zel log";
 const char* const USAGE =
     "Usage: zel log [-l LEVEL] [-f FUNCTION] [--] [MESSAGE...]\n"
     "\n"
-    "Writes a record through the framework's logging wrapper: the same file,\n"
+    "Writes records through the framework's logging wrapper: the same file,\n"
     "line format, rotation and environment (TMPDIR, ZEL_LOGGING_FNAME,\n"
     "ZEL_LOGGING_LEVEL, ZEL_LOGGING_FMAXSIZE, ZEL_LOGGING_FMAXCOUNT) as every\n"
     "process of the framework. The MESSAGE words are joined by blanks; without\n"
-    "a MESSAGE, every line of standard input becomes one record.\n"
+    "a MESSAGE, standard input is read. Each line of the message or of the\n"
+    "input becomes one record.\n"
     "\n"
     "  -l, --level LEVEL      0-6, or emerg alert crit err warning notice info,\n"
-    "                         or the file's tags EM AL CR ER WA NO IN (default 6)\n"
+    "                         or the file's tags EM AL CR ER WA NO IN (default 6);\n"
+    "                         8, debug or TR write debug (trace) records\n"
     "  -f, --function NAME    function name shown in the record (default zel)\n"
     "\n"
-    "A record above the configured level (ZEL_LOGGING_LEVEL, default 6) is\n"
-    "dropped, as in the framework. Messages are cut at 799 characters.\n"
+    "A record above the configured level (ZEL_LOGGING_LEVEL, default 6; 8 for\n"
+    "debug records) is dropped, as in the framework. Control characters are\n"
+    "written escaped (\\t, \\r, \\x1b, ...), so no message can start a record of\n"
+    "its own or reach a terminal that shows the file. Messages are cut at 799\n"
+    "characters; the rest of a longer input line is skipped.\n"
     "\n"
-    "Exit status: 0 written (or dropped by the level filter), 2 bad usage or a\n"
-    "log directory that is missing or not writable.\n";
+    "Exit status: 0 written (or dropped by the level filter), 2 bad usage, a\n"
+    "log directory that is missing or not writable, or a log file that cannot\n"
+    "be written.\n";
 
 const int DEFAULT_LEVEL = 6;
+// Debug records go through the trace path, which writes only this level.
+const unsigned DEBUG_LEVEL = 8;
 const char* const DEFAULT_FUNCTION = "zel";
+// The file name shown in debug records, in place of a source file.
+const char* const TRACE_FILE = "zel";
+// The longest message a record holds: log_printf cuts at 799 characters, so
+// more of an input line is never kept.
+const size_t MAX_MESSAGE = 799;
 
 // Level names accepted next to the numbers 0-6, by level.
 const char* const LEVEL_NAMES[][3] = {
     {"emerg", "EM", "emergency"}, {"alert", "AL", "alert"},  {"crit", "CR", "critical"},
     {"err", "ER", "error"},       {"warning", "WA", "warn"}, {"notice", "NO", "notice"},
     {"info", "IN", "informational"}};
+const char* const DEBUG_NAMES[] = {"debug", "TR", "trace"};
 
 bool parseLevel(const std::string& text, unsigned& level) {
   long number = 0;
-  if (parseInteger(text, 0, DEFAULT_LEVEL, number)) {
+  if (parseInteger(text, 0, DEBUG_LEVEL, number) && number != 7) {
     level = static_cast<unsigned>(number);
     return true;
   }
@@ -57,6 +76,11 @@ bool parseLevel(const std::string& text, unsigned& level) {
         level = candidate;
         return true;
       }
+  for (const char* name : DEBUG_NAMES)
+    if (strcasecmp(text.c_str(), name) == 0) {
+      level = DEBUG_LEVEL;
+      return true;
+    }
   return false;
 }
 
@@ -111,7 +135,7 @@ int parseOptions(const Args& args, LogOptions& options) {
     if (match == Matched) {
       if (!parseLevel(value, options.level))
         return usageError(COMMAND, "invalid level " + quoted(value) +
-                                       ": use 0-6 or emerg, alert, crit, err, warning, notice, info");
+                                       ": use 0-6, 8 or emerg, alert, crit, err, warning, notice, info, debug");
       continue;
     }
     match = matchOption(args, i, "-f", "--function", value);
@@ -161,12 +185,51 @@ bool logDestinationUsable() {
   return checkLogDirectory(slash == 0 ? "/" : path.substr(0, slash), Zel::_ZEL_LOGGING_FNAME);
 }
 
-void writeRecord(Zel::LoggingWrapper* log, const LogOptions& options, const std::string& message) {
-  // The level filter of the framework's processes: a record the configured
-  // level does not admit is dropped before anything is formatted.
-  if (!log->isSaLoggingAllowed(1u << options.level, options.level)) return;
-  log->log_printf(options.function.c_str(), options.level, 1, "%s", message.c_str());
-}
+// Writes the messages of one run. Before the first record that passes the
+// level filter it makes sure that the log file can be opened for appending,
+// as the wrapper opens it: a wrapper that cannot open its file writes the
+// record to standard error instead and tells nobody, and a script must not
+// take that for success.
+class RecordWriter {
+ public:
+  RecordWriter(Zel::LoggingWrapper* log, const LogOptions& options) : _log(log), _options(options) {}
+
+  // Writes one line of a message (without its line break) as one record,
+  // control characters escaped; `line` is its number in the message or the
+  // input (shown in debug records). False when the log file is unusable.
+  bool write(const std::string& text, unsigned line) {
+    const bool debug = _options.level == DEBUG_LEVEL;
+    // The level filters of the framework's processes: a record they do not
+    // admit is dropped before anything is formatted.
+    if (debug ? !_log->isDebugLoggingAllowed(DEBUG_LEVEL)
+              : !_log->isSaLoggingAllowed(1u << _options.level, _options.level))
+      return true;
+    if (!_fileChecked && !checkLogFile()) return false;
+    const std::string safe = Zel::LogEscape::escape(text);
+    if (debug)
+      _log->trace_printf(TRACE_FILE, _options.function.c_str(), line, DEBUG_LEVEL, 0, "%s", safe.c_str());
+    else
+      _log->log_printf(_options.function.c_str(), _options.level, 1, "%s", safe.c_str());
+    return true;
+  }
+
+ private:
+  bool checkLogFile() {
+    const std::string& path = _log->get_fname();
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) {
+      inputError(COMMAND, "cannot write the log file " + quoted(path) + ": " + std::strerror(errno));
+      return false;
+    }
+    ::close(fd);
+    _fileChecked = true;
+    return true;
+  }
+
+  Zel::LoggingWrapper* _log;
+  const LogOptions& _options;
+  bool _fileChecked = false;
+};
 
 std::string joinWords(const Args& words) {
   std::string message;
@@ -177,9 +240,45 @@ std::string joinWords(const Args& words) {
   return message;
 }
 
+// One record per line of the message; a final line break ends the last line
+// and starts no empty record. An empty message is one empty record.
+bool writeMessage(RecordWriter& writer, const std::string& message) {
+  unsigned line = 1;
+  size_t begin = 0;
+  do {
+    size_t end = message.find('\n', begin);
+    if (end == std::string::npos) end = message.size();
+    if (!writer.write(message.substr(begin, std::min(end - begin, MAX_MESSAGE)), line++)) return false;
+    begin = end + 1;
+  } while (begin < message.size());
+  return true;
+}
+
+// Reads the next line of `input` without its line break, keeping at most
+// MAX_MESSAGE bytes of it: the rest of a longer line is read and dropped, so
+// memory stays bounded whatever the input. A last line without a line break
+// counts too. False at the end of the input.
+bool readLine(std::istream& input, std::string& line) {
+  line.clear();
+  std::streambuf* buffer = input.rdbuf();
+  bool any = false;
+  for (;;) {
+    const int c = buffer->sbumpc();
+    if (c == std::char_traits<char>::eof()) {
+      input.setstate(std::ios::eofbit);
+      return any;
+    }
+    any = true;
+    if (c == '\n') return true;
+    if (line.size() < MAX_MESSAGE) line += static_cast<char>(c);
+  }
+}
+
 }  // namespace
 
-int runLog(const Args& args) {
+int runLog(const Args& args) { return runLogFrom(args, std::cin, true); }
+
+int runLogFrom(const Args& args, std::istream& input, bool closeWhenDone) {
   LogOptions options;
   int status = parseOptions(args, options);
   if (status != ExitOk) return status;
@@ -190,18 +289,20 @@ int runLog(const Args& args) {
   if (!logDestinationUsable()) return ExitError;
 
   Zel::LoggingWrapper* log = Zel::LoggingWrapper::getInstance();
+  RecordWriter writer(log, options);
+  bool written = true;
   if (!options.words.empty()) {
-    writeRecord(log, options, joinWords(options.words));
+    written = writeMessage(writer, joinWords(options.words));
   } else {
-    // Like logger(1): one record per line; a last line without a newline
-    // counts too. Lines are read even when the level drops them, so that a
-    // writer on a pipe never sees it closed early.
+    // Like logger(1): one record per line. Lines are read even when the level
+    // drops them, so that a writer on a pipe never sees it closed early.
     std::string line;
-    while (std::getline(std::cin, line)) writeRecord(log, options, line);
+    unsigned number = 0;
+    while (written && readLine(input, line)) written = writer.write(line, ++number);
   }
   // Closing flushes the file: records are not flushed one by one.
-  log->close();
-  return ExitOk;
+  if (closeWhenDone) log->close();
+  return written ? ExitOk : ExitError;
 }
 
 }  // namespace ZelTool

@@ -28,7 +28,11 @@ const char* const USAGE =
     "                     print the text of every element named TAG\n"
     "  strerror CODE      name a return code\n"
     "\n"
-    "Run 'zel COMMAND --help' for the details of a command.\n"
+    "Options:\n"
+    "  -h, --help         show this help\n"
+    "  -V, --version      show the version of the tool and exit\n"
+    "\n"
+    "Run 'zel COMMAND --help' for the details of a command, and see zel(1).\n"
     "\n"
     "Exit status: 0 done, 1 negative answer (an invalid DN, nothing found,\n"
     "an unknown code), 2 bad usage or unusable input.\n";
@@ -56,7 +60,7 @@ int dispatch(int argc, char** argv) {
     std::cout << USAGE;
     return ZelTool::ExitOk;
   }
-  if (name == "--version") {
+  if (name == "--version" || name == "-V") {
     std::cout << "zel (libzel_common) " << ZEL_TOOL_VERSION << "\n";
     return ZelTool::ExitOk;
   }

@@ -80,6 +80,8 @@ test_usage() {
   expect "help" 0 "~strerror CODE" "" -- help
   expect "help dn is dn --help" 0 "~Usage: zel dn validate" "" -- help dn
   expect "--version" 0 "~zel (libzel_common) " "" -- --version
+  expect "-V" 0 "~zel (libzel_common) " "" -- -V
+  expect "--help lists --version" 0 "~-V, --version" "" -- --help
   expect "unknown command" 2 "" "~zel: unknown command 'frob'" -- frob
   local command
   for command in log dn xpath config strerror; do
@@ -163,6 +165,74 @@ test_log() {
     "NO reader                    " \
     "NO reader                    last line without newline"
 
+  # Line breaks end records, other control characters are escaped: no input
+  # can start a record of its own or reach a terminal showing the file.
+  fresh_log_dir
+  expect "forged record" 0 "" "" -- log $'first\n2026-01-01T00:00:00.000+00:00 EM kernel   forged'
+  expect "message lines" 0 "" "" -- log -f lines $'one\n\nthree\n'
+  expect "control characters" 0 "" "" -- log $'bell\a cr\r esc\e[2J tab\t c1\xc2\x9b del\x7f'
+  check "one harmless record per line" log_is "$dir" \
+    "IN zel                       first" \
+    "IN zel                       2026-01-01T00:00:00.000+00:00 EM kernel   forged" \
+    "IN lines                     one" \
+    "IN lines                     " \
+    "IN lines                     three" \
+    'IN zel                       bell\x07 cr\r esc\x1b[2J tab\t c1\xc2\x9b del\x7f'
+
+  fresh_log_dir
+  STDIN=$'crlf\r\nnul\x01\x1b]0;title\x07\n'
+  expect "control characters on standard input" 0 "" "" -- log
+  STDIN=""
+  check "standard input escaped" log_is "$dir" \
+    'IN zel                       crlf\r' \
+    'IN zel                       nul\x01\x1b]0;title\x07'
+
+  # A line longer than a record is cut; the rest of it is skipped, the next
+  # line is a record of its own.
+  fresh_log_dir
+  local long
+  long=$(head -c 2000 /dev/zero | tr '\0' 'L')
+  STDIN="${long}"$'\nnext\n'"${long}"
+  expect "long input lines" 0 "" "" -- log
+  STDIN=""
+  check "long lines cut at 799 characters" log_is "$dir" \
+    "IN zel                       ${long:0:799}" \
+    "IN zel                       next" \
+    "IN zel                       ${long:0:799}"
+  fresh_log_dir
+  expect "long message cut" 0 "" "" -- log "$long"
+  check "long message cut at 799 characters" log_is "$dir" "IN zel                       ${long:0:799}"
+
+  # Standard input is read in bounded memory: 64 MiB without a line break.
+  if [ -x /usr/bin/time ]; then
+    fresh_log_dir
+    head -c 67108864 /dev/zero | tr '\0' 'y' >"$WORK/huge"
+    /usr/bin/time -f '%M' -o "$WORK/rss" "$ZEL" log -f huge <"$WORK/huge"
+    check "64 MiB line read in less than 40 MiB" test "$(cat "$WORK/rss")" -lt 40960
+    check "64 MiB line gives one record of 799 characters" \
+      test "$(sed -E "s/^$STAMP IN huge +//" "$dir/zel.log" | tr -d '\n' | wc -c)" -eq 799
+    rm -f "$WORK/huge"
+  fi
+
+  # Debug records go through the trace path: tag TR, "zel:<line>", admitted
+  # from level 8 on.
+  fresh_log_dir
+  expect "debug record dropped at the default level" 0 "" "" -- log -l debug dropped
+  check "no debug record, no file" test ! -e "$dir/zel.log"
+  ZEL_LOGGING_LEVEL=8 expect "debug record" 0 "" "" -- log -l debug -f dbg $'one\ntwo'
+  ZEL_LOGGING_LEVEL=8 expect "level 8" 0 "" "" -- log -l 8 eight
+  STDIN=$'in 1\nin\r2'
+  ZEL_LOGGING_LEVEL=8 expect "level TR from standard input" 0 "" "" -- log --level=TR
+  STDIN=""
+  ZEL_LOGGING_LEVEL=8 expect "level 6 at level 8" 0 "" "" -- log -l 6 info
+  check "debug records in the trace format" log_is "$dir" \
+    "TR zel                     :1     - dbg                       one" \
+    "TR zel                     :2     - dbg                       two" \
+    "TR zel                     :1     - zel                       eight" \
+    "TR zel                     :1     - zel                       in 1" \
+    'TR zel                     :2     - zel                       in\r2' \
+    "IN zel                       info"
+
   fresh_log_dir
   expect "log with empty standard input" 0 "" "" -- log
   check "no record, no file" test ! -e "$dir/zel.log"
@@ -197,6 +267,7 @@ test_log() {
   # Bad input: status 2, a message, and nothing written.
   fresh_log_dir
   expect "level out of range" 2 "" "~zel log: invalid level '7'" -- log -l 7 x
+  expect "level 9" 2 "" "~use 0-6, 8 or emerg" -- log -l 9 x
   expect "negative level" 2 "" "~invalid level '-1'" -- log -l -1 x
   expect "non-numeric level" 2 "" "~invalid level 'loud'" -- log --level=loud x
   expect "level missing" 2 "" "~option '-l' needs a LEVEL" -- log -l
@@ -211,6 +282,17 @@ test_log() {
   fresh_log_dir
   ZEL_LOGGING_FNAME="$dir/missing/x.log" expect "missing directory of ZEL_LOGGING_FNAME" 2 "" \
     "~(ZEL_LOGGING_FNAME) does not exist" -- log x
+  # A log file that cannot be opened: status 2, not a record on stderr.
+  fresh_log_dir
+  mkdir "$dir/app.log"
+  ZEL_LOGGING_FNAME="$dir/app.log" expect "ZEL_LOGGING_FNAME names a directory" 2 "" \
+    "~zel log: cannot write the log file '$dir/app.log': Is a directory" -- log x
+  STDIN=$'a\nb'
+  ZEL_LOGGING_FNAME="$dir/app.log" expect "directory as log file, standard input" 2 "" "~Is a directory" -- log
+  STDIN=""
+  ZEL_LOGGING_FNAME="$dir/app.log" ZEL_LOGGING_LEVEL=8 expect "directory as log file, debug record" 2 "" \
+    "~Is a directory" -- log -l debug x
+  ZEL_LOGGING_FNAME="$dir/app.log" expect "directory as log file, record dropped by level" 0 "" "" -- log -l debug x
   if [ "$(id -u)" -ne 0 ]; then
     mkdir "$WORK/read-only" && chmod 555 "$WORK/read-only"
     TMPDIR="$WORK/read-only" expect "read-only log directory" 2 "" "~is not writable" -- log x
@@ -240,8 +322,8 @@ test_dn() {
   expect "split trims class and leaf class differently" 0 \
     $'class: Equipment\nid: 3\nparent: X=1\nleaf class: Equipment ' "" -- dn split "X=1,Equipment .k=3"
   expect "split one RDN" 0 $'class: A\nid: 1\nparent: \nleaf class: A' "" -- dn split "A=1"
-  expect "split malformed DN warns" 0 $'class: \nid: AB\nparent: \nleaf class: ' \
-    "~zel dn split: warning: 'AB' is not a well-formed DN" -- dn split "AB"
+  expect "split malformed DN says so" 1 $'class: \nid: AB\nparent: \nleaf class: ' \
+    "~zel dn split: 'AB' is not a well-formed DN" -- dn split "AB"
   expect "split without DN" 2 "" "~zel dn split: expected one DN, got 0 arguments" -- dn split
   expect "split with two DNs" 2 "" "~expected one DN, got 2 arguments" -- dn split A=1 B=2
 
@@ -260,8 +342,18 @@ test_xpath() {
   expect "split" 0 $'type: U\nkey value: 2\nparent: /a:T[k=1]' "" -- xpath split "/a:T[k=1]/U[x=2]"
   expect "split keeps prefix and quotes" 0 $'type: a:T\nkey value: \'x\'\nparent: ' "" -- xpath split "/a:T[k='x']"
   expect "split trims" 0 $'type: U\nkey value: 7\nparent: /A[k=1]' "" -- xpath split "/A[k=1]/ U [n= 7 ]"
-  expect "split path ending in /" 0 $'type: \nkey value: \nparent: /a' "" -- xpath split "/a/"
-  expect "split empty path" 0 $'type: \nkey value: \nparent: ' "" -- xpath split ""
+  expect "split path without key" 0 $'type: B\nkey value: 1\nparent: /A[k=1]' "" -- xpath split "/A[k=1]/B"
+  expect "split value with blank and colon" 0 $'type: T\nkey value: \'a b:c\'\nparent: ' "" -- xpath split "/T[k='a b:c']"
+  expect "split path ending in /" 1 $'type: \nkey value: \nparent: /a' "~zel xpath split: '/a/' is not an instance path" \
+    -- xpath split "/a/"
+  expect "split empty path" 1 $'type: \nkey value: \nparent: ' "~'' is not an instance path" -- xpath split ""
+  expect "split nonsense" 1 $'type: nonsense\nkey value: \nparent: ' \
+    "~zel xpath split: 'nonsense' is not an instance path" -- xpath split nonsense
+  local bad
+  for bad in "T[k=1]" "//T" "/T[k=1]x" "/T[k=]" "/T[=1]" "/T[k]" "/T[k=1" "/a b" "/:T" "/p:" "/p:q:T" "/T[k=a=b]" \
+    "/T[k=1][j=2]" "/T]" "/A[k=1]//B"; do
+    expect "split rejects $bad" 1 "~type: " "~'$bad' is not an instance path" -- xpath split "$bad"
+  done
   expect "split without path" 2 "" "~zel xpath split: expected one PATH, got 0 arguments" -- xpath split
 
   expect "build" 0 "/X[id=1]/ns:T[id=2]" "" -- xpath build ns "/X[id=1]" T id 2
@@ -297,6 +389,23 @@ XML
     cp "$file" "$WORK/secret.xml" && chmod 000 "$WORK/secret.xml"
     expect "unreadable file" 2 "" "~is not readable" -- config get "$WORK/secret.xml" port
   fi
+  # Hostile documents: nesting far beyond the limit is refused before the
+  # tree is built, and many equal elements are printed in linear time.
+  awk 'BEGIN { for (i = 0; i < 300000; i++) printf "<a>"; printf "x"; for (i = 0; i < 300000; i++) printf "</a>" }' \
+    >"$WORK/deep.xml"
+  expect "300 000 levels refused" 2 "" \
+    "~cannot load '$WORK/deep.xml': elements nested deeper than the limit of 1000 levels (line 1, column 3000)" \
+    -- config get "$WORK/deep.xml" a
+  awk 'BEGIN { printf "<r>"; for (i = 0; i < 32000; i++) printf "<v>value %d</v>", i; printf "</r>" }' >"$WORK/many.xml"
+  local started elapsed
+  started=$(date +%s%N)
+  timeout 20 "$ZEL" config get "$WORK/many.xml" v >"$WORK/many.out"
+  elapsed=$((($(date +%s%N) - started) / 1000000))
+  check "32 000 equal elements printed" test "$(wc -l <"$WORK/many.out")" -eq 32000
+  check "in document order" test "$(sed -n '1p;32000p' "$WORK/many.out" | tr '\n' ,)" = "value 0,value 31999,"
+  # Linear: a few milliseconds; the quadratic walk took over 20 s. The bound
+  # leaves room for valgrind and a loaded machine.
+  check "32 000 equal elements in under 10 s (took ${elapsed} ms)" test "$elapsed" -lt 10000
   expect "get with one argument" 2 "" "~expected FILE-OR-XML TAG, got 1 argument" -- config get "$file"
   expect "config without action" 2 "" "~missing action" -- config
   expect "config unknown action" 2 "" "~unknown action 'set'" -- config set "$file" port 1

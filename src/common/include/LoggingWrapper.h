@@ -186,6 +186,10 @@ class ZEL_API LoggingWrapper {
   // "<stamp> <tag> <function padded to 25> <message>" and the log interface
   // " <function padded to 25> <message>". The message is cut at 799
   // characters, the whole record at 999.
+  // The message is written as the caller formats it, control characters
+  // included: a line break in it starts what reads as a further record. Pass
+  // text you do not control through Zel::LogEscape::escape (LogEscape.h)
+  // first, as the zel tool does.
   void log_printf(const char* functionName, unsigned level, unsigned facility, const char* format, ...)
       __attribute__((format(printf, 5, 6)));
   // log_printf with the arguments as a va_list.
