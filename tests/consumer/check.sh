@@ -187,6 +187,8 @@ check "development package holds headers, link, CMake package, pkg-config" bash 
   "dpkg-deb -c '$DEV_DEB' > '$WORK/dev.txt' && grep -q ' ./usr/include/zel/LoggingWrapper.h$' '$WORK/dev.txt' && grep -q ' ./usr/$LIBDIR_REL/libzel_common.so -> libzel_common.so.1$' '$WORK/dev.txt' && grep -q ' ./usr/$LIBDIR_REL/cmake/ZelCommon/ZelCommonConfig.cmake$' '$WORK/dev.txt' && grep -q ' ./usr/$LIBDIR_REL/pkgconfig/zel_common.pc$' '$WORK/dev.txt' && ! grep -q 'libzel_common.so.1.0.0' '$WORK/dev.txt'"
 check "tools package holds zel and depends on the runtime" bash -c \
   "dpkg-deb -c '$TOOLS_DEB' | grep -q ' ./usr/bin/zel$' && dpkg-deb -f '$TOOLS_DEB' Depends | grep -q 'libzel-common1 (= '"
+check "tools package holds the manual page zel(1)" bash -c \
+  "dpkg-deb -c '$TOOLS_DEB' | grep -q ' ./usr/share/man/man1/zel.1.gz$'"
 check "apt resolves the packages' dependencies (simulated)" bash -c \
   "apt-get install --simulate --no-install-recommends '$RUNTIME_DEB' '$DEV_DEB' '$TOOLS_DEB' | grep -q '^Inst libzel-common1 '"
 

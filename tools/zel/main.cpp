@@ -34,8 +34,8 @@ const char* const USAGE =
     "\n"
     "Run 'zel COMMAND --help' for the details of a command, and see zel(1).\n"
     "\n"
-    "Exit status: 0 done, 1 negative answer (an invalid DN, nothing found,\n"
-    "an unknown code), 2 bad usage or unusable input.\n";
+    "Exit status: 0 done, 1 negative answer (an invalid DN or instance path,\n"
+    "nothing found, an unknown code), 2 bad usage or unusable input.\n";
 
 typedef int (*Command)(const ZelTool::Args&);
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # test_zel.sh ZEL AREA - tests of the zel command-line tool, run by CTest
-# (one test per AREA: usage, log, dn, xpath, config, strerror).
+# (one test per AREA: usage, log, dn, xpath, config, strerror, manual).
 #
 # Each case runs the binary and compares its exit status, its standard output
 # and its standard error with what is expected. The log cases point TMPDIR at
@@ -9,6 +9,7 @@
 set -u
 ZEL=$1
 AREA=$2
+MANPAGE=$(cd "$(dirname "$0")/../../docs" && pwd)/zel.1
 
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/zel-tool-test.XXXXXX")
 trap 'rm -rf "$WORK"' EXIT
@@ -428,10 +429,34 @@ test_strerror() {
   expect "two codes" 2 "" "~expected one CODE, got 2 arguments" -- strerror 1 2
 }
 
+# The manual page: renders without a warning and documents what the tool
+# offers.
+test_manual() {
+  check "manual page present" test -f "$MANPAGE"
+  if command -v man >/dev/null; then
+    LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -E UTF-8 -l "$MANPAGE" >"$WORK/manual.txt" 2>"$WORK/manual.err"
+    check "manual renders" test -s "$WORK/manual.txt"
+    check "manual renders without warnings" test ! -s "$WORK/manual.err"
+  else
+    printf 'note: man is not installed; rendering not checked\n'
+  fi
+  local version
+  version=$("$ZEL" --version | sed 's/^zel (libzel_common) //')
+  check "manual names the tool's version $version" grep -q "^\.TH ZEL 1 .*\"libzel_common $version\"" "$MANPAGE"
+  local command
+  for command in "log" "dn validate" "dn split" "dn build" "xpath split" "xpath build" "config get" "strerror"; do
+    check "manual documents zel $command" grep -q "^\.B zel $command\$\|^\.B zel $command \|^\.B $command\$" "$MANPAGE"
+  done
+  local option
+  for option in '\\-V' '\\-\\-version' '\\-h' '\\-\\-help' '\\-l' '\\-\\-level' '\\-f' '\\-\\-function' 'ZEL_LOGGING_FNAME' 'TMPDIR'; do
+    check "manual mentions $option" grep -q -- "$option" "$MANPAGE"
+  done
+}
+
 case "$AREA" in
-  usage | log | dn | xpath | config | strerror) "test_$AREA" ;;
+  usage | log | dn | xpath | config | strerror | manual) "test_$AREA" ;;
   *)
-    echo "usage: $0 ZEL usage|log|dn|xpath|config|strerror" >&2
+    echo "usage: $0 ZEL usage|log|dn|xpath|config|strerror|manual" >&2
     exit 2
     ;;
 esac
