@@ -109,19 +109,38 @@ cmd_sanitize() {
 # fuzz/corpus/<area>/. A crash, leak, sanitizer report, failed check or input
 # slower than 10 s stops that target; its input is kept in
 # build/fuzz/artifacts/ and the command fails.
+#
+# fuzz_options AREA: the target's own libFuzzer options. The configuration
+# reader gets inputs of up to 64 KiB, room to grow its seeds of deep nesting
+# (past the 1000-level limit) and of thousands of equal elements; the tool
+# gets 16 KiB of arguments and standard input (lines past the 799-character
+# record) and runs with its standard output and error closed (libFuzzer
+# still reports through a copy of standard error), as the wrapper it drives
+# complains there on purpose.
+fuzz_options() {
+  case "$1" in
+    configuration) echo "-max_len=65536" ;;
+    zel_tool) echo "-max_len=16384 -close_fd_mask=3" ;;
+  esac
+}
+
 cmd_fuzz() {
   local seconds=${1:-60}
   ensure_packages "${BASE_PACKAGES[@]}" clang libclang-rt-14-dev llvm
   configure_and_build fuzz zel_fuzz
   local artifacts=build/fuzz/artifacts work=build/fuzz/work passed=0 failed=0
-  mkdir -p "$artifacts"
+  mkdir -p "$artifacts" "$work/tmp"
+  # Scratch files of the targets (the tool's log directory) stay in the build
+  # tree, even when a target dies before it can remove them.
+  export TMPDIR=$PWD/$work/tmp
   for target in build/fuzz/fuzz/fuzz_*; do
     local name area runs
     name=$(basename "$target")
     area=${name#fuzz_}
     mkdir -p "$work/$area"
     log "$name for ${seconds}s"
-    if "$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+    # shellcheck disable=SC2046 # the options are meant to split
+    if "$target" $(fuzz_options "$area") -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
       -artifact_prefix="$artifacts/$area-" "$work/$area" "fuzz/corpus/$area" >"$work/$area.log" 2>&1; then
       runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$area.log")
       printf '%s: %s executions, no failure\n' "$name" "${runs:-?}"

@@ -2,8 +2,12 @@
 // what loaded: the elements of the root's name and of a name from the input,
 // get_text, and both getElementValue overloads over the children's names. A
 // failed load must throw Zel::ZelException only, and keep the document loaded
-// before it. Node lists are released as the interface asks, so the leak
-// checker sees any reference the library keeps.
+// before it; a loaded document is never nested deeper than the limit, and
+// the library's element list holds what POCO's own list holds, in the same
+// order. Node lists are released as the interface asks, so the leak checker
+// sees any reference the library keeps. Seeds of deep nesting and of
+// thousands of equal names (run with -max_len=65536 by ./dev.sh fuzz) let the
+// fuzzer grow documents past the nesting limit and long lists.
 #include <sys/stat.h>
 
 #include <string>
@@ -59,9 +63,42 @@ void checkElement(ZelConfiguration& config, Element* element) {
   }
 }
 
+// Deepest nesting of elements below node (iteratively: the document may be
+// as deep as the limit).
+unsigned long depthBelow(Node* root) {
+  unsigned long depth = 0;
+  unsigned long deepest = 0;
+  Node* node = root->firstChild();
+  if (node != nullptr) depth = 1;
+  while (node != nullptr) {
+    if (node->nodeType() == Node::ELEMENT_NODE && depth > deepest) deepest = depth;
+    if (node->firstChild() != nullptr) {
+      node = node->firstChild();
+      ++depth;
+      continue;
+    }
+    while (node != root && node->nextSibling() == nullptr) {
+      node = node->parentNode();
+      --depth;
+    }
+    node = node == root ? nullptr : node->nextSibling();
+  }
+  return deepest;
+}
+
 void lookUp(ZelConfiguration& config, const std::string& name) {
   NodeList* list = config.getElementsByTagName(name);
   const unsigned long count = list->length();
+  if (count > 0) {
+    // POCO's own list over the same document: same nodes, same order. Its
+    // item(i) walks from the top, so only the first elements are compared.
+    NodeList* pocos = list->item(0)->ownerDocument()->getElementsByTagName(name);
+    FUZZ_CHECK(pocos->length() == count, "as many elements as POCO's list");
+    for (unsigned long i = 0; i < count && i < kMaxElements; ++i)
+      FUZZ_CHECK(pocos->item(i) == list->item(i), "the element POCO's list has at " + std::to_string(i));
+    pocos->release();
+  }
+  FUZZ_CHECK(list->item(count) == nullptr, "nothing past the end");
   for (unsigned long i = 0; i < count && i < kMaxElements; ++i) {
     Node* node = list->item(i);
     FUZZ_CHECK(node != nullptr && node->nodeType() == Node::ELEMENT_NODE, "an element");
@@ -96,6 +133,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(config.isLoaded(), "loaded");
     Poco::AutoPtr<NodeList> roots = config.getElementsByTagName("*");
     const std::string rootName = roots->length() > 0 ? roots->item(0)->nodeName() : std::string();
+    if (roots->length() > 0)
+      FUZZ_CHECK(depthBelow(roots->item(0)->ownerDocument()) <= ZelConfiguration::MAX_ELEMENT_DEPTH,
+                 "nested deeper than the limit");
     roots = nullptr;
     if (!rootName.empty()) lookUp(config, rootName);
     lookUp(config, tagName);

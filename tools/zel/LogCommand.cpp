@@ -35,7 +35,8 @@ const char* const USAGE =
     "  -l, --level LEVEL      0-6, or emerg alert crit err warning notice info,\n"
     "                         or the file's tags EM AL CR ER WA NO IN (default 6);\n"
     "                         8, debug or TR write debug (trace) records\n"
-    "  -f, --function NAME    function name shown in the record (default zel)\n"
+    "  -f, --function NAME    function name shown in the record (default zel),\n"
+    "                         escaped like the message\n"
     "\n"
     "A record above the configured level (ZEL_LOGGING_LEVEL, default 6; 8 for\n"
     "debug records) is dropped, as in the framework. Control characters are\n"
@@ -192,7 +193,9 @@ bool logDestinationUsable() {
 // take that for success.
 class RecordWriter {
  public:
-  RecordWriter(Zel::LoggingWrapper* log, const LogOptions& options) : _log(log), _options(options) {}
+  // The function name is the caller's text too, and escaped like the message.
+  RecordWriter(Zel::LoggingWrapper* log, const LogOptions& options)
+      : _log(log), _options(options), _function(Zel::LogEscape::escape(options.function)) {}
 
   // Writes one line of a message (without its line break) as one record,
   // control characters escaped; `line` is its number in the message or the
@@ -207,9 +210,9 @@ class RecordWriter {
     if (!_fileChecked && !checkLogFile()) return false;
     const std::string safe = Zel::LogEscape::escape(text);
     if (debug)
-      _log->trace_printf(TRACE_FILE, _options.function.c_str(), line, DEBUG_LEVEL, 0, "%s", safe.c_str());
+      _log->trace_printf(TRACE_FILE, _function.c_str(), line, DEBUG_LEVEL, 0, "%s", safe.c_str());
     else
-      _log->log_printf(_options.function.c_str(), _options.level, 1, "%s", safe.c_str());
+      _log->log_printf(_function.c_str(), _options.level, 1, "%s", safe.c_str());
     return true;
   }
 
@@ -228,6 +231,7 @@ class RecordWriter {
 
   Zel::LoggingWrapper* _log;
   const LogOptions& _options;
+  const std::string _function;  // escaped
   bool _fileChecked = false;
 };
 

@@ -172,13 +172,15 @@ test_log() {
   expect "forged record" 0 "" "" -- log $'first\n2026-01-01T00:00:00.000+00:00 EM kernel   forged'
   expect "message lines" 0 "" "" -- log -f lines $'one\n\nthree\n'
   expect "control characters" 0 "" "" -- log $'bell\a cr\r esc\e[2J tab\t c1\xc2\x9b del\x7f'
+  expect "control characters in the function name" 0 "" "" -- log -f $'f\n\e' fn
   check "one harmless record per line" log_is "$dir" \
     "IN zel                       first" \
     "IN zel                       2026-01-01T00:00:00.000+00:00 EM kernel   forged" \
     "IN lines                     one" \
     "IN lines                     " \
     "IN lines                     three" \
-    'IN zel                       bell\x07 cr\r esc\x1b[2J tab\t c1\xc2\x9b del\x7f'
+    'IN zel                       bell\x07 cr\r esc\x1b[2J tab\t c1\xc2\x9b del\x7f' \
+    'IN f\n\x1b                    fn'
 
   fresh_log_dir
   STDIN=$'crlf\r\nnul\x01\x1b]0;title\x07\n'
