@@ -180,7 +180,7 @@ test_log() {
     "IN lines                     " \
     "IN lines                     three" \
     'IN zel                       bell\x07 cr\r esc\x1b[2J tab\t c1\xc2\x9b del\x7f' \
-    'IN f\n\x1b                    fn'
+    "$(printf 'IN %-25s %s' 'f\n\x1b' fn)"
 
   fresh_log_dir
   STDIN=$'crlf\r\nnul\x01\x1b]0;title\x07\n'

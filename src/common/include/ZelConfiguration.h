@@ -77,8 +77,9 @@ class ZEL_API ZelConfiguration {
   // the end is null. It is a snapshot that keeps its document and its
   // elements alive, and does not follow later changes of the tree. The
   // caller owns one reference to the list and must release() it (or hand it
-  // to a Poco::AutoPtr). Throws Poco::NullPointerException (default message)
-  // when nothing is loaded.
+  // to a Poco::AutoPtr); after autoRelease() the document's release pool
+  // owns it instead and it lives as long as the document. Throws
+  // Poco::NullPointerException (default message) when nothing is loaded.
   Poco::XML::NodeList* getElementsByTagName(std::string tagName) const;
 
   // The text directly inside element: its text-node children concatenated in

@@ -120,7 +120,16 @@ class ElementList : public Poco::XML::NodeList {
 
   Node* item(unsigned long index) const override { return index < _elements.size() ? _elements[index] : nullptr; }
   unsigned long length() const override { return _elements.size(); }
-  void autoRelease() override { _document->autoReleasePool().add(this); }
+  // Hands the list to the document's release pool: it then lives as long as
+  // the document (or until its collectGarbage()). The list lets go of the
+  // document first, or each would keep the other alive for ever.
+  void autoRelease() override {
+    Poco::AutoPtr<Poco::XML::Document> document(_document);
+    _document = nullptr;
+    document->autoReleasePool().add(this);
+    // The local reference goes last: if it was the document's last one, the
+    // document and its pool, and with it this list, go now.
+  }
 
  protected:
   ~ElementList() override {
@@ -128,8 +137,8 @@ class ElementList : public Poco::XML::NodeList {
   }
 
  private:
-  Poco::AutoPtr<Poco::XML::Document> _document;
-  std::vector<Node*> _elements;  // each holds one reference
+  Poco::AutoPtr<Poco::XML::Document> _document;  // null once auto-released
+  std::vector<Node*> _elements;                   // each holds one reference
 };
 
 }  // namespace
