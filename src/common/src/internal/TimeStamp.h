@@ -31,7 +31,8 @@ char* formatTimeStamp(char* buffer, int size, long microseconds, const struct tm
 // second later. Checking that state costs four loads and compares per stamp.
 class LocalTimeCache {
  public:
-  LocalTimeCache() : _second(-1), _zone(), _valid(false), _local(), _prefix(), _prefixLength(0), _suffix(), _suffixLength(0) {}
+  LocalTimeCache()
+      : _second(-1), _zone(), _valid(false), _local(), _prefix(), _prefixLength(0), _suffix(), _suffixLength(0) {}
   // Fills buffer with the stamp of `now`, cut to size as formatTimeStamp does.
   char* format(char* buffer, int size, const struct timeval& now);
   // Writes the stamp of `now` without a terminating NUL into out, at most
