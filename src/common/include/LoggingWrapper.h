@@ -270,4 +270,8 @@ class ZEL_API LoggingWrapper {
 
 }  // namespace Zel
 
+// ZEL_LOG_ERROR(format, ...) and the other one-line record macros, and the
+// Zel::LogLevel enumeration.
+#include "LogMacros.h"
+
 #endif  // ZEL_LOGGING_WRAPPER_H
