@@ -8,7 +8,7 @@ if(DOXYGEN_FOUND)
   set(ZEL_DOCS_OUTPUT ${CMAKE_BINARY_DIR}/docs)
   find_program(ZEL_AWK NAMES awk mawk gawk REQUIRED)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/Doxyfile.in ${ZEL_DOCS_OUTPUT}/Doxyfile @ONLY)
-  file(GLOB ZEL_DOCS_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/common/include/*.h)
+  file(GLOB ZEL_DOCS_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/common/include/zel/*.h)
   add_custom_command(
     OUTPUT ${ZEL_DOCS_OUTPUT}/html/index.html
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${ZEL_DOCS_OUTPUT}/html

@@ -9,7 +9,7 @@
 // ZEL_LOGGING_FMAXCOUNT numbered files.
 #include <cstdio>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 int main() {
   Zel::LoggingWrapper* log = Zel::LoggingWrapper::getInstance();

@@ -73,7 +73,9 @@ run_consumer() {
   local logdir
   logdir=$(mktemp -d "$WORK/log.XXXXXX")
   env -u ZEL_LOGGING_FNAME -u ZEL_LOGGING_LEVEL TMPDIR="$logdir" "$@" "$binary" | grep -qx "consumer: ok" &&
-    grep -q " IN consumer  *consumer record 1$" "$logdir/zel.log"
+    grep -q " IN consumer  *consumer record 1$" "$logdir/zel.log" &&
+    grep -q " NO checkLogging  *macro record 2$" "$logdir/zel.log" &&
+    test "$(wc -l <"$logdir/zel.log")" -eq 2
 }
 
 # ---------------------------------------------------------------------------
@@ -95,9 +97,15 @@ check "SONAME libzel_common.so.1" bash -c "readelf -d '$LIBDIR/libzel_common.so.
 check "library needs POCO Foundation and XML" bash -c \
   "readelf -d '$LIBDIR/libzel_common.so.1.0.0' | grep -q 'libPocoFoundation' && readelf -d '$LIBDIR/libzel_common.so.1.0.0' | grep -q 'libPocoXML'"
 check "every public header installed in include/zel" bash -c \
-  "cd '$ROOT/src/common/include' && for h in *.h; do cmp -s \"\$h\" '$PREFIX/include/zel/'\"\$h\" || { echo \"missing \$h\"; exit 1; }; done"
+  "cd '$ROOT/src/common/include/zel' && for h in *.h; do cmp -s \"\$h\" '$PREFIX/include/zel/'\"\$h\" || { echo \"missing \$h\"; exit 1; }; done"
 check "no private header installed" bash -c "! ls '$PREFIX/include/zel' | grep -qx -e Report.h -e TimeStamp.h -e LogFileNames.h"
 check "nothing else in include" test "$(ls "$PREFIX/include")" = zel
+# The imported target's include directory is the prefix's include/ alone
+# (headers are included as <zel/...>).
+# shellcheck disable=SC2016 # the CMake variable is text here
+include_dir_is_prefix_only() { grep -qF 'INTERFACE_INCLUDE_DIRECTORIES "${_IMPORT_PREFIX}/include"' "$1"; }
+check "CMake target puts only include/ on the include path" \
+  include_dir_is_prefix_only "$LIBDIR/cmake/ZelCommon/ZelCommonTargets.cmake"
 check "CMake package files" test -f "$LIBDIR/cmake/ZelCommon/ZelCommonConfig.cmake" -a \
   -f "$LIBDIR/cmake/ZelCommon/ZelCommonConfigVersion.cmake" -a -f "$LIBDIR/cmake/ZelCommon/ZelCommonTargets.cmake"
 check "pkg-config file names the install prefix" grep -qx "prefix=$PREFIX" "$LIBDIR/pkgconfig/zel_common.pc"
@@ -113,7 +121,7 @@ check "only the Zel namespace exported" bash -c \
 # Every public class, free function and exported variable named in the headers.
 : >"$WORK/missing.txt"
 : >"$WORK/checked.txt"
-for header in "$ROOT"/src/common/include/*.h; do
+for header in "$ROOT"/src/common/include/zel/*.h; do
   for class in $(sed -nE 's/^class ZEL_API( ZEL_CAPABILITY\([^)]*\))? ([A-Za-z_]+).*/\2/p' "$header"); do
     echo class >>"$WORK/checked.txt"
     grep -q "Zel::$class::" "$WORK/exported.txt" || echo "class Zel::$class" >>"$WORK/missing.txt"
@@ -150,6 +158,7 @@ step "consumer through pkg-config"
 export PKG_CONFIG_PATH=$LIBDIR/pkgconfig
 check "pkg-config finds zel_common 1.0.0" test "$(pkg-config --modversion zel_common)" = 1.0.0
 echo "pkg-config --cflags --libs zel_common: $(pkg-config --cflags --libs zel_common)"
+check "pkg-config puts only include/ on the include path" test "$(pkg-config --cflags-only-I zel_common)" = "-I$PREFIX/include"
 # shellcheck disable=SC2046 # the flags are meant to split
 must "build consumer with pkg-config flags" g++ -Wall -Wextra -Werror "$ROOT/tests/consumer/main.cpp" \
   $(pkg-config --cflags --libs zel_common) -o "$WORK/consumer-pc"

@@ -37,9 +37,9 @@
 #include <Poco/Event.h>
 #include <Poco/Mutex.h>
 
-#include "AbstractTimerCallback.h"
-#include "Clock.h"
-#include "ZelExport.h"
+#include <zel/AbstractTimerCallback.h>
+#include <zel/Clock.h>
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

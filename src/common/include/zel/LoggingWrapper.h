@@ -36,11 +36,11 @@
 #include <utility>
 #include <vector>
 
-#include "ZelExport.h"
-#include "ZelMgmtSpiInterface.h"
-#include "ZelMwSpiTrace.h"
-#include "ZelThreadAnnotations.h"
-#include "ZelThreadLock.h"
+#include <zel/ZelExport.h>
+#include <zel/ZelMgmtSpiInterface.h>
+#include <zel/ZelMwSpiTrace.h>
+#include <zel/ZelThreadAnnotations.h>
+#include <zel/ZelThreadLock.h>
 
 namespace Zel {
 
@@ -272,6 +272,6 @@ class ZEL_API LoggingWrapper {
 
 // ZEL_LOG_ERROR(format, ...) and the other one-line record macros, and the
 // Zel::LogLevel enumeration.
-#include "LogMacros.h"
+#include <zel/LogMacros.h>
 
 #endif  // ZEL_LOGGING_WRAPPER_H

@@ -31,7 +31,7 @@
 #include <cstdarg>
 #include <cstdint>
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

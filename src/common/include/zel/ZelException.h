@@ -22,8 +22,8 @@
 #include <exception>
 #include <string>
 
-#include "ZelExport.h"
-#include "ZelReturn.h"
+#include <zel/ZelExport.h>
+#include <zel/ZelReturn.h>
 
 namespace Zel {
 

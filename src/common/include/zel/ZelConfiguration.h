@@ -24,7 +24,7 @@
 
 #include <string>
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 namespace Zel {
 
