@@ -77,7 +77,7 @@ cmd_bench() {
 # (build/package-check/*.deb) and builds the API documentation
 # (build/package-check/docs/html). See tests/consumer/check.sh.
 cmd_package_check() {
-  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev file doxygen
+  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev file doxygen lintian help2man
   JOBS=$JOBS bash tests/consumer/check.sh "$PWD/build/package-check"
 }
 

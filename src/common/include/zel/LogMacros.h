@@ -75,13 +75,22 @@ ZEL_API void vdebugReport(const char* file, const char* function, uint32_t line,
 
 // The format is the first of the variadic arguments so that a record without
 // arguments (ZEL_LOG_INFO("started")) needs no compiler extension.
+
+// A record at level 0 ("EM"): ZEL_LOG_EMERG(format, ...).
 #define ZEL_LOG_EMERG(...) ::Zel::logReport(::Zel::LogLevel::Emergency, __FILE__, __func__, __LINE__, __VA_ARGS__)
+// A record at level 1 ("AL"): ZEL_LOG_ALERT(format, ...).
 #define ZEL_LOG_ALERT(...) ::Zel::logReport(::Zel::LogLevel::Alert, __FILE__, __func__, __LINE__, __VA_ARGS__)
+// A record at level 2 ("CR"): ZEL_LOG_CRIT(format, ...).
 #define ZEL_LOG_CRIT(...) ::Zel::logReport(::Zel::LogLevel::Critical, __FILE__, __func__, __LINE__, __VA_ARGS__)
+// A record at level 3 ("ER"): ZEL_LOG_ERROR(format, ...).
 #define ZEL_LOG_ERROR(...) ::Zel::logReport(::Zel::LogLevel::Error, __FILE__, __func__, __LINE__, __VA_ARGS__)
+// A record at level 4 ("WA"): ZEL_LOG_WARNING(format, ...).
 #define ZEL_LOG_WARNING(...) ::Zel::logReport(::Zel::LogLevel::Warning, __FILE__, __func__, __LINE__, __VA_ARGS__)
+// A record at level 5 ("NO"): ZEL_LOG_NOTICE(format, ...).
 #define ZEL_LOG_NOTICE(...) ::Zel::logReport(::Zel::LogLevel::Notice, __FILE__, __func__, __LINE__, __VA_ARGS__)
+// A record at level 6 ("IN"): ZEL_LOG_INFO(format, ...).
 #define ZEL_LOG_INFO(...) ::Zel::logReport(::Zel::LogLevel::Info, __FILE__, __func__, __LINE__, __VA_ARGS__)
+// A debug record (trace_printf at level 8, trace_v2_printf at 14): ZEL_DEBUG(format, ...).
 #define ZEL_DEBUG(...) ::Zel::debugReport(__FILE__, __func__, __LINE__, __VA_ARGS__)
 
 #endif  // ZEL_LOG_MACROS_H
