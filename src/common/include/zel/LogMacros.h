@@ -17,6 +17,10 @@
 // line, 8, 0, format, ...) if isDebugLoggingAllowed(8) holds, then always
 // trace_v2_printf(Zel::Trace::Common, 14, file, function, line, format, ...).
 //
+// The function name is the compiler's __func__: the plain name of the
+// enclosing function ("signal", not "PipeExt::signal"), and "operator()"
+// inside a lambda.
+//
 // The format and its arguments are checked like printf's. The macros expand
 // to one call of logReport or debugReport, the same functions the library's
 // own components report through, so every argument is evaluated exactly once
