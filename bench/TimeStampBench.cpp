@@ -20,7 +20,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "internal/TimeStamp.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "Cli.h"
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 namespace ZelTool {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <cstdarg>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 namespace Zel {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 namespace Zel {
 namespace internal {

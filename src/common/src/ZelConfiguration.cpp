@@ -1,4 +1,4 @@
-#include "ZelConfiguration.h"
+#include <zel/ZelConfiguration.h>
 
 #include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Node.h>
@@ -6,7 +6,7 @@
 #include <Poco/File.h>
 #include <Poco/SAX/SAXException.h>
 
-#include "ZelException.h"
+#include <zel/ZelException.h>
 
 namespace Zel {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "internal/Report.h"
 #include "support/ChildProcess.h"
 #include "support/Fakes.h"

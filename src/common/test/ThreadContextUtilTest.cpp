@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "LoggingWrapper.h"
-#include "ThreadContextUtil.h"
+#include <zel/LoggingWrapper.h>
+#include <zel/ThreadContextUtil.h>
 #include "support/Fakes.h"
 #include "support/StderrCapture.h"
 #include "support/TempDir.h"

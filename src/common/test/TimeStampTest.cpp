@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "internal/TimeStamp.h"
 #include "support/ChildProcess.h"
 #include "support/LogLines.h"

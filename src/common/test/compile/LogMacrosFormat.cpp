@@ -2,7 +2,7 @@
 // must pass their format and arguments to the compiler's printf checks. With
 // ZEL_BAD_FORMAT defined each macro gets an argument its format does not
 // take, and the compilation must fail with a format warning.
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 void formatCheckedSite(int count, const char* name) {
 #ifdef ZEL_BAD_FORMAT
