@@ -8,13 +8,15 @@
 #                    table of records/s and ratios to log_printf
 #   ./dev.sh package-check   install into a temp prefix, build a consumer both
 #                    ways (CMake package, pkg-config), build and check the .debs
+#                    (lintian: any error fails) and the API documentation
 #   ./dev.sh sanitize        ASan+UBSan over the whole suite, TSan over the
 #                    threaded tests
 #   ./dev.sh fuzz [SECONDS]  run every libFuzzer target (default 60 s each)
 #
 # Each command installs missing Debian packages with apt-get (run as root or
-# with sudo available), configures through a CMake preset and builds; running
-# it again only rebuilds what changed.
+# with sudo available), then configures, builds and tests through the CMake
+# presets of CMakePresets.json (configure, build and test presets of the same
+# name); running it again only rebuilds what changed.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -43,7 +45,7 @@ configure_and_build() {
   local preset=$1
   shift
   cmake --preset "$preset" >/dev/null
-  cmake --build "build/$preset" -j "$JOBS" ${1:+--target "$@"}
+  cmake --build --preset "$preset" -j "$JOBS" ${1:+--target "$@"}
 }
 
 cmd_demo() {
@@ -62,7 +64,7 @@ cmd_demo() {
 cmd_test() {
   ensure_packages "${BASE_PACKAGES[@]}"
   configure_and_build dev
-  ctest --test-dir build/dev --output-on-failure -j "$JOBS"
+  ctest --preset dev -j "$JOBS"
 }
 
 cmd_bench() {
@@ -74,34 +76,32 @@ cmd_bench() {
 # ./dev.sh package-check: installs into a temporary prefix and builds and
 # runs a consumer through the CMake package and through pkg-config, checks
 # the exported symbols, makes and checks the Debian packages
-# (build/package-check/*.deb) and builds the API documentation
-# (build/package-check/docs/html). See tests/consumer/check.sh.
+# (build/package-check/*.deb, lintian included: any error fails) and the API
+# documentation (build/package-check/docs/html). See tests/consumer/check.sh.
 cmd_package_check() {
-  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev file doxygen
+  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev file doxygen lintian
   JOBS=$JOBS bash tests/consumer/check.sh "$PWD/build/package-check"
 }
 
 # ./dev.sh sanitize: builds the asan (AddressSanitizer + UndefinedBehavior-
 # Sanitizer) and tsan (ThreadSanitizer) presets and runs the whole test suite
-# under each; any sanitizer report fails the test that caused it. The TSan run
-# leaves out only the thread-lock tests that misuse an error-checking mutex on
-# purpose (unlocking it from a foreign thread or while it is free, to check the
-# errors the lock reports): TSan reports such an unlock as "unlock of an
-# unlocked mutex" however the mutex answers it.
-TSAN_DELIBERATE_MISUSE='^ZelThreadLock\.(UnlockByForeignThreadThrowsPermissionErrorWithLockText|UnlockOfFreeLockThrows|ErrUnlockOfFreeLockReturnsErrorWithoutThrowing)$'
+# under each; any sanitizer report fails the test that caused it. The test
+# presets carry the sanitizer options (ASAN_OPTIONS, UBSAN_OPTIONS,
+# TSAN_OPTIONS), so `ctest --preset asan` alone runs the same. The tsan test
+# preset leaves out only the thread-lock tests that misuse an error-checking
+# mutex on purpose (unlocking it from a foreign thread or while it is free, to
+# check the errors the lock reports): TSan reports such an unlock as "unlock
+# of an unlocked mutex" however the mutex answers it.
 cmd_sanitize() {
   ensure_packages "${BASE_PACKAGES[@]}"
   configure_and_build asan
   log "AddressSanitizer + UndefinedBehaviorSanitizer: the whole suite"
-  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=1 \
-    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    ctest --test-dir build/asan --output-on-failure -j "$JOBS"
+  ctest --preset asan -j "$JOBS"
   configure_and_build tsan
   log "ThreadSanitizer: the whole suite but the deliberate mutex misuse"
   # setarch -R: TSan's shadow memory needs the address layout that
   # randomisation of large mmap regions can break on newer kernels.
-  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-    setarch "$(uname -m)" -R ctest --test-dir build/tsan --output-on-failure -j "$JOBS" -E "$TSAN_DELIBERATE_MISUSE"
+  setarch "$(uname -m)" -R ctest --preset tsan -j "$JOBS"
 }
 
 # ./dev.sh fuzz [SECONDS]: builds the libFuzzer targets (fuzz preset, clang)

@@ -22,7 +22,7 @@
 
 #include <string>
 
-#include "ZelConfiguration.h"
+#include <zel/ZelConfiguration.h>
 
 namespace {
 

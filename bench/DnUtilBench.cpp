@@ -25,7 +25,7 @@
 #include <regex>
 #include <string>
 
-#include "DnUtil.h"
+#include <zel/DnUtil.h>
 
 namespace {
 

@@ -58,7 +58,7 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 // --- heap allocation counting ---------------------------------------------
 //

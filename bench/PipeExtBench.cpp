@@ -34,7 +34,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "PipeExt.h"
+#include <zel/PipeExt.h>
 
 namespace {
 

@@ -16,8 +16,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "Clock.h"
-#include "Timer.h"
+#include <zel/Clock.h>
+#include <zel/Timer.h>
 
 namespace {
 

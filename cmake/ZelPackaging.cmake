@@ -4,14 +4,22 @@
 #
 #   libzel-common1     runtime: libzel_common.so.1.0.0 and its SONAME link
 #   libzel-common-dev  development: headers (include/zel), the .so link, the
-#                      CMake package ZelCommon and zel_common.pc
-#   zel-tools          the `zel` command-line tool
+#                      CMake package ZelCommon, zel_common.pc and, when
+#                      configured with ZEL_INSTALL_API_DOCS, the API HTML in
+#                      /usr/share/doc/libzel-common-dev/html
+#   zel-tools          the `zel` command-line tool and its manual page
 #
 # The tool has a package of its own because a library package must not carry
-# files whose names stay the same when the SONAME changes.
+# files whose names stay the same when the SONAME changes. Every package
+# carries /usr/share/doc/<package>/copyright (machine-readable, from
+# cmake/debian/copyright.in) and changelog.Debian.gz. The runtime package
+# updates the linker cache through the ldconfig trigger, and both library
+# packages are "Multi-Arch: same" (cmake/ZelDebFixup.cmake adds what CPack
+# cannot write).
+set(ZEL_MAINTAINER "libzel_common maintainers <maintainers@zel-framework.org>")
 set(CPACK_PACKAGE_NAME "libzel-common")
 set(CPACK_PACKAGE_VENDOR "Zel framework")
-set(CPACK_PACKAGE_CONTACT "Zel framework developers <zel-dev@localhost>")
+set(CPACK_PACKAGE_CONTACT "${ZEL_MAINTAINER}")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
 set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
@@ -44,9 +52,11 @@ worker threads, timers and an XML configuration reader.
 
 This package contains the shared library.")
 # A shlibs control file, so that packages built against the library depend
-# on this package; postinst and postrm run ldconfig.
+# on this package, and the ldconfig trigger instead of maintainer scripts.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${CMAKE_CURRENT_LIST_DIR}/debian/triggers")
+set(CPACK_POST_BUILD_SCRIPTS "${CMAKE_CURRENT_LIST_DIR}/ZelDebFixup.cmake")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME "libzel-common-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -55,8 +65,9 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_ARCHITECTURE_INDEPENDENT OFF)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libpoco-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
   "${PROJECT_DESCRIPTION} - development files
-Headers (in /usr/include/zel), the CMake package ZelCommon (target
-Zel::common) and the pkg-config file zel_common.pc of libzel_common.")
+Headers (in /usr/include/zel, included as <zel/...>), the CMake package
+ZelCommon (target Zel::common), the pkg-config file zel_common.pc and the
+API documentation of libzel_common.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME "zel-tools")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
@@ -73,5 +84,22 @@ set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/CPackProjectConfig.cmake
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+
+# copyright and changelog.Debian.gz of each package.
+set(ZEL_DEBIAN_DIR ${CMAKE_BINARY_DIR}/debian)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/debian/copyright.in ${ZEL_DEBIAN_DIR}/copyright @ONLY)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/debian/changelog.in ${ZEL_DEBIAN_DIR}/changelog @ONLY)
+find_program(ZEL_GZIP gzip)
+if(ZEL_GZIP)
+  # -n leaves out the name and time stamp, so the file is reproducible.
+  execute_process(COMMAND ${ZEL_GZIP} -9 -n -c ${ZEL_DEBIAN_DIR}/changelog
+    OUTPUT_FILE ${ZEL_DEBIAN_DIR}/changelog.Debian.gz)
+  foreach(component runtime development tools)
+    string(TOUPPER ${component} upper)
+    install(FILES ${ZEL_DEBIAN_DIR}/copyright ${ZEL_DEBIAN_DIR}/changelog.Debian.gz
+      DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
+      COMPONENT ${component})
+  endforeach()
+endif()
 
 include(CPack)

@@ -14,7 +14,10 @@
 #   - the class a header is named after (class DnUtil in DnUtil.h) gets the
 #     top block's text too, unless a comment of its own stands above it;
 #   - comment lines indented by three or more blanks (examples such as
-#     "//   \"A=1\" -> \"\"") are kept verbatim;
+#     "//   \"A=1\" -> \"\"") are kept verbatim, in a C-style block of their
+#     own ("/** \verbatim" ... "\endverbatim */"): doxygen keeps the "///" of
+#     every line after the first inside a verbatim section of a "///" block,
+#     so the rendered example would show them;
 #   - "// --- section ---" rulers stay plain comments;
 #   - everywhere else the characters doxygen would read as commands or
 #     markup (\ @ < > & # % $) are escaped outside double quotes (doxygen
@@ -38,7 +41,7 @@ function escape(text,    out, i, c) {
 # Emits the line held back, closing a verbatim group if this line ends it.
 function flush(closeVerbatim) {
   if (!haveHeld) return
-  print held (closeVerbatim ? " \\endverbatim" : "")
+  print held (closeVerbatim ? " \\endverbatim */" : "")
   haveHeld = 0
 }
 
@@ -78,9 +81,12 @@ FNR == 1 {
     marker = "///"
     if (trailingColumn > 0 && column == trailingColumn) marker = "///<"
     else trailingColumn = 0
-    if (isExample && !atTop) {
-      if (!inVerbatim) { emit(indent marker " \\verbatim" text); inVerbatim = 1 }
-      else emit(indent marker text)
+    if (isExample && !atTop && index(text, "*/") == 0) {
+      if (!inVerbatim) { emit(indent "/** \\verbatim" text); inVerbatim = 1 }
+      # doxygen cuts the later lines at the column where the first line's
+      # text starts ("/** " is four characters wide) and the first line's
+      # own leading blanks; line them up under it.
+      else emit(indent "    " substr(text, 4))
       next
     }
     if (inVerbatim) { flush(1); inVerbatim = 0 }

@@ -12,8 +12,8 @@
 #include <cstdio>
 #include <string>
 
-#include "ZelConfiguration.h"
-#include "ZelException.h"
+#include <zel/ZelConfiguration.h>
+#include <zel/ZelException.h>
 
 namespace {
 

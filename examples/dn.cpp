@@ -10,8 +10,8 @@
 #include <cstdio>
 #include <string>
 
-#include "DnUtil.h"
-#include "ZelOamSpiMoc.h"
+#include <zel/DnUtil.h>
+#include <zel/ZelOamSpiMoc.h>
 
 using Zel::DnUtil;
 

@@ -9,23 +9,33 @@
 // ZEL_LOGGING_FMAXCOUNT numbered files.
 #include <cstdio>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
+
+// One macro per record: the level filter, then log_printf with this
+// function's name ("writeRecords"), then the version 2 trace call with this
+// file, function and line (dropped while no trace interface is set).
+void writeRecords() {
+  for (int i = 0; i < 60; ++i) {
+    ZEL_LOG_ERROR("Failed to write signal. Errno %d on record %d", 32, i);
+    ZEL_LOG_INFO("record %d written", i);
+  }
+  // A debug trace goes to the same file while no trace interface is set; the
+  // debug filter lets it through at level 8 (ZEL_LOGGING_LEVEL=8).
+  ZEL_DEBUG("debug traces pass at level %u", Zel::LoggingWrapper::getInstance()->get_level());
+}
 
 int main() {
   Zel::LoggingWrapper* log = Zel::LoggingWrapper::getInstance();
   std::printf("logging to %s (level %u)\n", log->get_fname().c_str(), log->get_level());
+  writeRecords();
 
-  // Callers test the filter first, so that a dropped record costs nothing.
-  for (int i = 0; i < 60; ++i) {
-    if (log->isSaLoggingAllowed(1u << 3, 3))
-      log->log_printf("main", 3, 1, "Failed to write signal. Errno %d on record %d", 32, i);
-    if (log->isSaLoggingAllowed(1u << 6, 6)) log->log_printf("main", 6, 1, "record %d written", i);
-  }
-  // A debug trace goes to the same file while no trace interface is set.
-  if (log->isDebugLoggingAllowed(8))
-    log->trace_printf("examples/logging.cpp", "main", 30, 8, 0, "debug traces pass at level %u", log->get_level());
+  // The same two steps by hand, for callers that choose the function name.
+  if (log->isSaLoggingAllowed(Zel::logLevelMask(Zel::LogLevel::Warning), Zel::LogLevel::Warning))
+    log->log_printf("main", Zel::LogLevel::Warning, 1, "%d records written", 120);
+  log->trace_v2_printf(Zel::Trace::Common, Zel::LogLevel::Warning, __FILE__, "main", __LINE__, "%d records written",
+                       120);
   // Facility 13: a raw record, written exactly as formatted.
-  log->log_printf("main", 6, 13, "---- raw record, no stamp or tag ----");
+  log->log_printf("main", Zel::LogLevel::Info, 13, "---- raw record, no stamp or tag ----");
   log->close();
   return 0;
 }

@@ -11,9 +11,9 @@
 #include <atomic>
 #include <cstdio>
 
-#include "AbstractTimerCallback.h"
-#include "Clock.h"
-#include "Timer.h"
+#include <zel/AbstractTimerCallback.h>
+#include <zel/Clock.h>
+#include <zel/Timer.h>
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <list>
 #include <memory>
 
-#include "ThreadWPipes.h"
+#include <zel/ThreadWPipes.h>
 
 namespace {
 

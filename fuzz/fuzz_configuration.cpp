@@ -18,8 +18,8 @@
 #include <Poco/DOM/NodeList.h>
 
 #include "FuzzSupport.h"
-#include "ZelConfiguration.h"
-#include "ZelException.h"
+#include <zel/ZelConfiguration.h>
+#include <zel/ZelException.h>
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <regex>
 #include <string>
 
-#include "DnUtil.h"
+#include <zel/DnUtil.h>
 #include "FuzzSupport.h"
 
 namespace {

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "FuzzSupport.h"
-#include "MoUtils.h"
-#include "ZelException.h"
+#include <zel/MoUtils.h>
+#include <zel/ZelException.h>
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 namespace {
 

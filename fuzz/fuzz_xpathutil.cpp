@@ -4,7 +4,7 @@
 #include <string>
 
 #include "FuzzSupport.h"
-#include "XPathUtil.h"
+#include <zel/XPathUtil.h>
 
 namespace {
 

@@ -20,7 +20,7 @@
 
 #include "Cli.h"
 #include "FuzzSupport.h"
-#include "XPathUtil.h"
+#include <zel/XPathUtil.h>
 
 namespace {
 

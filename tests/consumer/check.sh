@@ -13,10 +13,12 @@
 #      package (CMAKE_PREFIX_PATH) and through pkg-config (PKG_CONFIG_PATH)
 #      and runs both, and runs the installed tool;
 #   5. makes the Debian packages with `cpack -G DEB`, checks their control
-#      fields and contents, lets apt resolve their dependencies (simulated,
+#      fields and contents (copyright, changelog, ldconfig trigger,
+#      Multi-Arch, API HTML, manual page), lets apt resolve their dependencies (simulated,
 #      nothing is installed), extracts them into a throwaway root and builds
 #      and runs the consumer against that tree;
-#   6. builds the API documentation (doxygen; any warning fails).
+#   6. runs lintian on the packages (any error fails) and checks the API
+#      documentation built with the library (doxygen; any warning fails).
 #
 # Needs: cmake, ninja, g++, pkg-config, libpoco-dev, dpkg-dev, doxygen
 # (./dev.sh package-check installs them). Ends with "N passed, M failed" and
@@ -73,14 +75,17 @@ run_consumer() {
   local logdir
   logdir=$(mktemp -d "$WORK/log.XXXXXX")
   env -u ZEL_LOGGING_FNAME -u ZEL_LOGGING_LEVEL TMPDIR="$logdir" "$@" "$binary" | grep -qx "consumer: ok" &&
-    grep -q " IN consumer  *consumer record 1$" "$logdir/zel.log"
+    grep -q " IN consumer  *consumer record 1$" "$logdir/zel.log" &&
+    grep -q " NO checkLogging  *macro record 2$" "$logdir/zel.log" &&
+    test "$(wc -l <"$logdir/zel.log")" -eq 2
 }
 
 # ---------------------------------------------------------------------------
 step "build for /usr in $BUILD"
 must "configure" cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_INSTALL_PREFIX=/usr -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_BENCH=OFF
-must "build library and tool" cmake --build "$BUILD" -j "$JOBS"
+  -DCMAKE_INSTALL_PREFIX=/usr -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_BENCH=OFF \
+  -DZEL_INSTALL_API_DOCS=ON
+must "build library, tool, manual page and API documentation" cmake --build "$BUILD" -j "$JOBS"
 
 # ---------------------------------------------------------------------------
 step "install into a temporary prefix"
@@ -95,9 +100,15 @@ check "SONAME libzel_common.so.1" bash -c "readelf -d '$LIBDIR/libzel_common.so.
 check "library needs POCO Foundation and XML" bash -c \
   "readelf -d '$LIBDIR/libzel_common.so.1.0.0' | grep -q 'libPocoFoundation' && readelf -d '$LIBDIR/libzel_common.so.1.0.0' | grep -q 'libPocoXML'"
 check "every public header installed in include/zel" bash -c \
-  "cd '$ROOT/src/common/include' && for h in *.h; do cmp -s \"\$h\" '$PREFIX/include/zel/'\"\$h\" || { echo \"missing \$h\"; exit 1; }; done"
+  "cd '$ROOT/src/common/include/zel' && for h in *.h; do cmp -s \"\$h\" '$PREFIX/include/zel/'\"\$h\" || { echo \"missing \$h\"; exit 1; }; done"
 check "no private header installed" bash -c "! ls '$PREFIX/include/zel' | grep -qx -e Report.h -e TimeStamp.h -e LogFileNames.h"
 check "nothing else in include" test "$(ls "$PREFIX/include")" = zel
+# The imported target's include directory is the prefix's include/ alone
+# (headers are included as <zel/...>).
+# shellcheck disable=SC2016 # the CMake variable is text here
+include_dir_is_prefix_only() { grep -qF 'INTERFACE_INCLUDE_DIRECTORIES "${_IMPORT_PREFIX}/include"' "$1"; }
+check "CMake target puts only include/ on the include path" \
+  include_dir_is_prefix_only "$LIBDIR/cmake/ZelCommon/ZelCommonTargets.cmake"
 check "CMake package files" test -f "$LIBDIR/cmake/ZelCommon/ZelCommonConfig.cmake" -a \
   -f "$LIBDIR/cmake/ZelCommon/ZelCommonConfigVersion.cmake" -a -f "$LIBDIR/cmake/ZelCommon/ZelCommonTargets.cmake"
 check "pkg-config file names the install prefix" grep -qx "prefix=$PREFIX" "$LIBDIR/pkgconfig/zel_common.pc"
@@ -113,7 +124,7 @@ check "only the Zel namespace exported" bash -c \
 # Every public class, free function and exported variable named in the headers.
 : >"$WORK/missing.txt"
 : >"$WORK/checked.txt"
-for header in "$ROOT"/src/common/include/*.h; do
+for header in "$ROOT"/src/common/include/zel/*.h; do
   for class in $(sed -nE 's/^class ZEL_API( ZEL_CAPABILITY\([^)]*\))? ([A-Za-z_]+).*/\2/p' "$header"); do
     echo class >>"$WORK/checked.txt"
     grep -q "Zel::$class::" "$WORK/exported.txt" || echo "class Zel::$class" >>"$WORK/missing.txt"
@@ -150,6 +161,7 @@ step "consumer through pkg-config"
 export PKG_CONFIG_PATH=$LIBDIR/pkgconfig
 check "pkg-config finds zel_common 1.0.0" test "$(pkg-config --modversion zel_common)" = 1.0.0
 echo "pkg-config --cflags --libs zel_common: $(pkg-config --cflags --libs zel_common)"
+check "pkg-config puts only include/ on the include path" test "$(pkg-config --cflags-only-I zel_common | tr -d " ")" = "-I$PREFIX/include"
 # shellcheck disable=SC2046 # the flags are meant to split
 must "build consumer with pkg-config flags" g++ -Wall -Wextra -Werror "$ROOT/tests/consumer/main.cpp" \
   $(pkg-config --cflags --libs zel_common) -o "$WORK/consumer-pc"
@@ -176,19 +188,38 @@ done
 field() { dpkg-deb -f "$1" "$2"; }
 check "runtime package depends on POCO runtime packages" bash -c \
   "dpkg-deb -f '$RUNTIME_DEB' Depends | grep -q 'libpocofoundation[0-9]*' && dpkg-deb -f '$RUNTIME_DEB' Depends | grep -q 'libpocoxml[0-9]*'"
-check "runtime package holds the library and its SONAME link only" bash -c \
+check "runtime package holds the library, its SONAME link and its doc files only" bash -c \
   "test \"\$(dpkg-deb -c '$RUNTIME_DEB' | awk '\$1 !~ /^d/ {print \$6}' | sort | tr '\n' ' ')\" = \
-'./usr/$LIBDIR_REL/libzel_common.so.1 ./usr/$LIBDIR_REL/libzel_common.so.1.0.0 '"
-check "runtime package has shlibs and ldconfig calls" bash -c \
-  "d=\$(mktemp -d '$WORK/ctl.XXXXXX') && dpkg-deb -e '$RUNTIME_DEB' \$d && grep -qx 'libzel_common 1 libzel-common1 (>= $(field "$RUNTIME_DEB" Version))' \$d/shlibs && grep -q ldconfig \$d/postinst"
+'./usr/$LIBDIR_REL/libzel_common.so.1 ./usr/$LIBDIR_REL/libzel_common.so.1.0.0 ./usr/share/doc/libzel-common1/changelog.Debian.gz ./usr/share/doc/libzel-common1/copyright '"
+check "runtime package has shlibs and the ldconfig trigger, no maintainer scripts" bash -c \
+  "d=\$(mktemp -d '$WORK/ctl.XXXXXX') && dpkg-deb -e '$RUNTIME_DEB' \$d && grep -qx 'libzel_common 1 libzel-common1 (>= $(field "$RUNTIME_DEB" Version))' \$d/shlibs && grep -qx 'activate-noawait ldconfig' \$d/triggers && test ! -e \$d/postinst -a ! -e \$d/postrm"
+check "library packages are Multi-Arch: same" bash -c \
+  "test \"\$(dpkg-deb -f '$RUNTIME_DEB' Multi-Arch)\" = same && test \"\$(dpkg-deb -f '$DEV_DEB' Multi-Arch)\" = same"
+check "every package has its copyright (machine-readable) and changelog.Debian.gz" bash -c \
+  "for deb in '$RUNTIME_DEB' '$DEV_DEB' '$TOOLS_DEB'; do p=\$(dpkg-deb -f \$deb Package); d=\$(mktemp -d '$WORK/doc.XXXXXX'); dpkg-deb -x \$deb \$d || exit 1; head -1 \$d/usr/share/doc/\$p/copyright | grep -qx 'Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/' || { echo \"\$p: copyright\"; exit 1; }; gzip -cd \$d/usr/share/doc/\$p/changelog.Debian.gz | head -1 | grep -q '^libzel-common (' || { echo \"\$p: changelog\"; exit 1; }; done"
+check "maintainer has a real mail domain" bash -c "dpkg-deb -f '$RUNTIME_DEB' Maintainer | grep -Eq '<[^@>]+@[a-z0-9-]+(\\.[a-z0-9-]+)+>' && ! dpkg-deb -f '$RUNTIME_DEB' Maintainer | grep -q localhost"
 check "development package depends on the runtime and libpoco-dev" bash -c \
   "dpkg-deb -f '$DEV_DEB' Depends | grep -q 'libzel-common1 (= $(field "$RUNTIME_DEB" Version))' && dpkg-deb -f '$DEV_DEB' Depends | grep -q libpoco-dev"
 check "development package holds headers, link, CMake package, pkg-config" bash -c \
   "dpkg-deb -c '$DEV_DEB' > '$WORK/dev.txt' && grep -q ' ./usr/include/zel/LoggingWrapper.h$' '$WORK/dev.txt' && grep -q ' ./usr/$LIBDIR_REL/libzel_common.so -> libzel_common.so.1$' '$WORK/dev.txt' && grep -q ' ./usr/$LIBDIR_REL/cmake/ZelCommon/ZelCommonConfig.cmake$' '$WORK/dev.txt' && grep -q ' ./usr/$LIBDIR_REL/pkgconfig/zel_common.pc$' '$WORK/dev.txt' && ! grep -q 'libzel_common.so.1.0.0' '$WORK/dev.txt'"
-check "tools package holds zel and depends on the runtime" bash -c \
-  "dpkg-deb -c '$TOOLS_DEB' | grep -q ' ./usr/bin/zel$' && dpkg-deb -f '$TOOLS_DEB' Depends | grep -q 'libzel-common1 (= '"
-check "tools package holds the manual page zel(1)" bash -c \
-  "dpkg-deb -c '$TOOLS_DEB' | grep -q ' ./usr/share/man/man1/zel.1.gz$'"
+check "development package holds the API documentation" bash -c \
+  "dpkg-deb -c '$DEV_DEB' | grep -q ' ./usr/share/doc/libzel-common-dev/html/index.html$'"
+check "tools package holds zel and its manual page and depends on the runtime" bash -c \
+  "dpkg-deb -c '$TOOLS_DEB' | grep -q ' ./usr/bin/zel$' && dpkg-deb -c '$TOOLS_DEB' | grep -q ' ./usr/share/man/man1/zel.1.gz$' && dpkg-deb -f '$TOOLS_DEB' Depends | grep -q 'libzel-common1 (= '"
+# lintian: any error fails; warnings and informational tags are shown.
+if command -v lintian >/dev/null; then
+  lintian --allow-root --fail-on error --display-level ">=warning" "$RUNTIME_DEB" "$DEV_DEB" "$TOOLS_DEB" \
+    >"$WORK/lintian.txt" 2>&1
+  lintian_status=$?
+  sed 's/^/     /' "$WORK/lintian.txt"
+  if [ "$lintian_status" -eq 0 ] && ! grep -q '^E: ' "$WORK/lintian.txt"; then
+    ok "lintian reports no error"
+  else
+    not_ok "lintian reports no error"
+  fi
+else
+  not_ok "lintian is not installed (./dev.sh package-check installs it)"
+fi
 check "apt resolves the packages' dependencies (simulated)" bash -c \
   "apt-get install --simulate --no-install-recommends '$RUNTIME_DEB' '$DEV_DEB' '$TOOLS_DEB' | grep -q '^Inst libzel-common1 '"
 
@@ -212,11 +243,11 @@ check "packaged zel runs" bash -c \
 
 # ---------------------------------------------------------------------------
 step "API documentation"
-if command -v doxygen >/dev/null; then
-  check "docs target (doxygen, warnings are errors)" cmake --build "$BUILD" --target docs
-  check "HTML generated" test -f "$BUILD/docs/html/index.html"
-else
-  not_ok "doxygen is not installed (./dev.sh package-check installs it)"
-fi
+# Built with the library above (ZEL_INSTALL_API_DOCS; doxygen warnings are errors).
+HTML=$BUILD/docs/html
+check "HTML generated" test -f "$HTML/index.html"
+check "the main page is the README" bash -c "grep -q \"is the C++ utility library that every process\" '$HTML/index.html' && grep -q \"Quick start\" '$HTML/index.html'"
+check "no literal /// in the rendered pages" bash -c "! grep -l '///' '$HTML'/*.html"
+check "private members left out" bash -c "! grep -lE '_vekLevel|_vekDebugLevel|Private (Member|Attributes)' \$(ls '$HTML'/*.html | grep -v _source.html)"
 
 finish

@@ -6,7 +6,8 @@
 // It touches every kind of exported symbol - functions, classes with
 // vtables and type information (exceptions caught across the library
 // boundary), static data members and globals - so a missing export fails
-// the link or the run. Prints "consumer: ok" and exits 0 when all checks hold.
+// the link or the run. The headers are included with their zel/ prefix, the
+// only form the installed include path offers. Prints "consumer: ok" and exits 0 when all checks hold.
 #include <Poco/AutoPtr.h>
 #include <Poco/DOM/NodeList.h>
 #include <Poco/Event.h>
@@ -16,19 +17,19 @@
 #include <list>
 #include <string>
 
-#include "AbstractTimerCallback.h"
-#include "Clock.h"
-#include "DnUtil.h"
-#include "LoggingWrapper.h"
-#include "MoUtils.h"
-#include "PipeExt.h"
-#include "ThreadWPipes.h"
-#include "Timer.h"
-#include "XPathUtil.h"
-#include "ZelConfiguration.h"
-#include "ZelException.h"
-#include "ZelReturn.h"
-#include "ZelThreadLock.h"
+#include <zel/AbstractTimerCallback.h>
+#include <zel/Clock.h>
+#include <zel/DnUtil.h>
+#include <zel/LoggingWrapper.h>
+#include <zel/MoUtils.h>
+#include <zel/PipeExt.h>
+#include <zel/ThreadWPipes.h>
+#include <zel/Timer.h>
+#include <zel/XPathUtil.h>
+#include <zel/ZelConfiguration.h>
+#include <zel/ZelException.h>
+#include <zel/ZelReturn.h>
+#include <zel/ZelThreadLock.h>
 
 namespace {
 
@@ -130,6 +131,9 @@ void checkLogging() {
   expect(Zel::LoggingWrapper::theInstance == log, "LoggingWrapper::theInstance");
   expect(std::strcmp(Zel::_LOGGER_FNAME, "zel.log") == 0 && Zel::Trace::Common == 0, "logging globals");
   if (log->isSaLoggingAllowed(1u << 6, 6)) log->log_printf("consumer", 6, 1, "consumer record %d", 1);
+  // The same through the record macros: function name from __func__.
+  ZEL_LOG_NOTICE("macro record %d", 2);
+  ZEL_DEBUG("filtered out at the default level %d", 6);
   log->close();
 }
 

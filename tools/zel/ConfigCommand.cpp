@@ -11,8 +11,8 @@
 #include <string>
 
 #include "Cli.h"
-#include "ZelConfiguration.h"
-#include "ZelException.h"
+#include <zel/ZelConfiguration.h>
+#include <zel/ZelException.h>
 
 namespace ZelTool {
 namespace {

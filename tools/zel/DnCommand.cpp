@@ -6,7 +6,7 @@
 #include <string>
 
 #include "Cli.h"
-#include "DnUtil.h"
+#include <zel/DnUtil.h>
 
 namespace ZelTool {
 namespace {

@@ -14,8 +14,8 @@
 #include <string>
 
 #include "Cli.h"
-#include "LogEscape.h"
-#include "LoggingWrapper.h"
+#include <zel/LogEscape.h>
+#include <zel/LoggingWrapper.h>
 
 namespace ZelTool {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "Cli.h"
-#include "ZelReturn.h"
+#include <zel/ZelReturn.h>
 
 namespace ZelTool {
 namespace {

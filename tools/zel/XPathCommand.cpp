@@ -4,7 +4,7 @@
 #include <string>
 
 #include "Cli.h"
-#include "XPathUtil.h"
+#include <zel/XPathUtil.h>
 
 namespace ZelTool {
 namespace {

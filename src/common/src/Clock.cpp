@@ -1,4 +1,4 @@
-#include "Clock.h"
+#include <zel/Clock.h>
 
 #include <time.h>
 

@@ -1,5 +1,5 @@
 // DnUtil.cpp - distinguished-name utilities.
-#include "DnUtil.h"
+#include <zel/DnUtil.h>
 
 #include <Poco/String.h>
 

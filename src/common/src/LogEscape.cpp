@@ -1,4 +1,4 @@
-#include "LogEscape.h"
+#include <zel/LogEscape.h>
 
 namespace Zel {
 

@@ -1,7 +1,7 @@
 // LoggingWrapper core: construction from the environment, sinks, records.
 // Rotation lives in LoggingWrapperRotation.cpp, tracing in
 // LoggingWrapperTrace.cpp.
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 #include <pthread.h>
 #include <syslog.h>

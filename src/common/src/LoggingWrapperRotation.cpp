@@ -17,7 +17,7 @@
 #include <locale>
 #include <sstream>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "internal/LogFileNames.h"
 
 namespace Zel {

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "internal/TimeStamp.h"
 
 namespace Zel {

@@ -1,9 +1,9 @@
-#include "MoUtils.h"
+#include <zel/MoUtils.h>
 
 #include <cstring>
 #include <memory>
 
-#include "ZelException.h"
+#include <zel/ZelException.h>
 
 namespace Zel {
 

@@ -1,4 +1,4 @@
-#include "PipeExt.h"
+#include <zel/PipeExt.h>
 
 #include <errno.h>
 #include <fcntl.h>

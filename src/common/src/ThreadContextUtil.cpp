@@ -1,4 +1,4 @@
-#include "ThreadContextUtil.h"
+#include <zel/ThreadContextUtil.h>
 
 #include "internal/Report.h"
 

@@ -1,4 +1,4 @@
-#include "ThreadWPipes.h"
+#include <zel/ThreadWPipes.h>
 
 namespace Zel {
 

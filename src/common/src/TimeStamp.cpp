@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 namespace Zel {
 namespace internal {
@@ -86,6 +86,8 @@ char* writeLeadingDigits(char* out, unsigned value) {
 void LocalTimeCache::refresh(time_t second) {
   _valid = localtime_r(&second, &_local) != nullptr;
   _second = second;
+  // Read after localtime_r: its first call in a process sets the zone up.
+  _zone = ZoneState::current();
   // The two pieces around the fraction, with the conversions formatTimeStamp
   // uses, so that prefix + fraction + suffix is its text.
   struct tm fields = {};
@@ -102,8 +104,11 @@ void LocalTimeCache::refresh(time_t second) {
 }
 
 size_t LocalTimeCache::write(char* out, const struct timeval& now) {
-  if (now.tv_sec != _second) refresh(now.tv_sec);
-  const long microseconds = static_cast<long>(now.tv_usec);
+  if (!isCurrent(now.tv_sec)) refresh(now.tv_sec);
+  return writeCached(out, static_cast<long>(now.tv_usec));
+}
+
+size_t LocalTimeCache::writeCached(char* out, long microseconds) const {
   if (_prefixLength == kUsualPrefixLength && _suffixLength == kUsualSuffixLength && microseconds >= 0 &&
       microseconds < 1000000) {
     // The usual shape, a four-digit year and an offset below 100 hours:
@@ -115,7 +120,7 @@ size_t LocalTimeCache::write(char* out, const struct timeval& now) {
   }
   size_t length = copyCut(out, kMaxStampLength, _prefix, _prefixLength);
   char fraction[3];
-  const size_t fractionLength = writeFraction(fraction, static_cast<long>(now.tv_usec));
+  const size_t fractionLength = writeFraction(fraction, microseconds);
   length += copyCut(out + length, kMaxStampLength - length, fraction, fractionLength);
   length += copyCut(out + length, kMaxStampLength - length, _suffix, _suffixLength);
   return length;
@@ -125,7 +130,7 @@ char* LocalTimeCache::format(char* buffer, int size, const struct timeval& now) 
   if (size <= 0 || static_cast<size_t>(size) > kMaxStampLength + 1) {
     // Longer buffers can hold the whole text of an unusual year; format it
     // from the cached broken-down time.
-    if (now.tv_sec != _second) refresh(now.tv_sec);
+    if (!isCurrent(now.tv_sec)) refresh(now.tv_sec);
     return formatTimeStamp(buffer, size, static_cast<long>(now.tv_usec), _valid ? &_local : nullptr);
   }
   char text[kMaxStampLength];

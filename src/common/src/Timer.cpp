@@ -1,4 +1,4 @@
-#include "Timer.h"
+#include <zel/Timer.h>
 
 #include <cxxabi.h>
 
@@ -8,7 +8,7 @@
 #include <exception>
 #include <memory>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 
 // glibc's report-and-abort routine behind assert(). It is called directly so
 // that the timer's assertions hold in every build type, NDEBUG included

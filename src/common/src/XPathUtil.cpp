@@ -1,5 +1,5 @@
 // XPathUtil.cpp - XPath-like instance path utilities.
-#include "XPathUtil.h"
+#include <zel/XPathUtil.h>
 
 #include <Poco/String.h>
 

@@ -1,4 +1,4 @@
-#include "ZelConfiguration.h"
+#include <zel/ZelConfiguration.h>
 
 #include <Poco/DOM/DOMBuilder.h>
 #include <Poco/DOM/Node.h>
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "ZelException.h"
+#include <zel/ZelException.h>
 
 namespace Zel {
 

@@ -1,4 +1,4 @@
-#include "ZelException.h"
+#include <zel/ZelException.h>
 
 #include <cstdio>
 #include <cstring>

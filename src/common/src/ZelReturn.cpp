@@ -1,4 +1,4 @@
-#include "ZelReturn.h"
+#include <zel/ZelReturn.h>
 
 namespace Zel {
 

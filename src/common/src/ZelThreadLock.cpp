@@ -1,8 +1,8 @@
-#include "ZelThreadLock.h"
+#include <zel/ZelThreadLock.h>
 
 #include <cstring>
 
-#include "ZelException.h"
+#include <zel/ZelException.h>
 
 namespace Zel {
 

@@ -1,6 +1,6 @@
 // Tests of Zel::Clock: monotonic reading, resolution, value semantics and the
 // failure of the system clock.
-#include "Clock.h"
+#include <zel/Clock.h>
 
 #include <errno.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Tests of Zel::DnUtil: splitting and building DNs, the containment check,
 // the exported expression and the linear recogniser that replaces it.
-#include "DnUtil.h"
+#include <zel/DnUtil.h>
 
 #include <Poco/RegularExpression.h>
 #include <gtest/gtest.h>

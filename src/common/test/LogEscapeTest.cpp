@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "LogEscape.h"
+#include <zel/LogEscape.h>
 
 using Zel::LogEscape;
 

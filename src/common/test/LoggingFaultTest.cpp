@@ -23,10 +23,10 @@
 
 #include <Poco/Exception.h>
 
-#include "LoggingWrapper.h"
-#include "PipeExt.h"
-#include "ThreadWPipes.h"
-#include "ZelException.h"
+#include <zel/LoggingWrapper.h>
+#include <zel/PipeExt.h>
+#include <zel/ThreadWPipes.h>
+#include <zel/ZelException.h>
 #include "faults/FaultInjection.h"
 #include "support/ChildProcess.h"
 #include "support/Fakes.h"

@@ -32,7 +32,7 @@
 #include <thread>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "support/StderrCapture.h"
 #include "support/WrapperFixture.h"
 

@@ -28,7 +28,7 @@
 #include <thread>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "internal/LogFileNames.h"
 #include "support/LogLines.h"
 #include "support/StderrCapture.h"

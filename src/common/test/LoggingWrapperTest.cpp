@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "internal/TimeStamp.h"
 #include "support/ChildProcess.h"
 #include "support/Fakes.h"

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "internal/LogFileNames.h"
 #include "support/Fakes.h"
 #include "support/LogLines.h"

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "MoUtils.h"
-#include "ZelException.h"
+#include <zel/MoUtils.h>
+#include <zel/ZelException.h>
 
 using Zel::MoUtils;
 

@@ -1,7 +1,7 @@
 // Tests of Zel::PipeExt: queue order, the wake-up bytes in the pipe, the drain
 // and its trace, descriptor flags, write failures, concurrent producers and
 // the raised pipe capacity.
-#include "PipeExt.h"
+#include <zel/PipeExt.h>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "support/ChildProcess.h"
 #include "support/Fakes.h"
 

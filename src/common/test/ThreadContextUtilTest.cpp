@@ -9,11 +9,12 @@
 // in TearDown.
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
-#include "LoggingWrapper.h"
-#include "ThreadContextUtil.h"
+#include <zel/LoggingWrapper.h>
+#include <zel/ThreadContextUtil.h>
 #include "support/Fakes.h"
 #include "support/StderrCapture.h"
 #include "support/TempDir.h"
@@ -224,6 +225,10 @@ struct FailureCase {
   bool logCleared;
   bool nbiCleared;
 };
+
+// GoogleTest prints a parameter it knows nothing about as its bytes, which
+// hold pointers and so change from build to build; the step's name says it.
+void PrintTo(const FailureCase& c, std::ostream* out) { *out << c.name; }
 
 const Strings TRACES = {traceEntry(60, LOG_HEADING), traceEntry(62, "a"), traceEntry(62, "b"),
                         traceEntry(65, NBI_HEADING), traceEntry(67, "n")};

@@ -1,6 +1,6 @@
 // Tests of Zel::ThreadWPipes: clean-up of queued messages, the priority path,
 // the descriptors and a worker round trip.
-#include "ThreadWPipes.h"
+#include <zel/ThreadWPipes.h>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

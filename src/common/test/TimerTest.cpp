@@ -2,7 +2,7 @@
 // margins: an invocation is never more than the 1 ms wait truncation early,
 // and lateness is only bounded where the behaviour cannot be told apart
 // otherwise. Aborting checks run as death tests.
-#include "Timer.h"
+#include <zel/Timer.h>
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "support/Fakes.h"
 
 // pthread_create is replaced for this test program so that one test can make

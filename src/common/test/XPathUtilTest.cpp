@@ -1,5 +1,5 @@
 // Tests of Zel::XPathUtil: taking apart and building instance paths.
-#include "XPathUtil.h"
+#include <zel/XPathUtil.h>
 
 #include <gtest/gtest.h>
 

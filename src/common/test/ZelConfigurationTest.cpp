@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "ZelConfiguration.h"
-#include "ZelException.h"
+#include <zel/ZelConfiguration.h>
+#include <zel/ZelException.h>
 #include "support/TempDir.h"
 
 using Zel::ZelConfiguration;

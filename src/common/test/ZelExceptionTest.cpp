@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "ZelException.h"
+#include <zel/ZelException.h>
 
 namespace {
 

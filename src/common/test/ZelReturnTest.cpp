@@ -3,7 +3,7 @@
 #include <climits>
 #include <cstring>
 
-#include "ZelReturn.h"
+#include <zel/ZelReturn.h>
 
 namespace {
 

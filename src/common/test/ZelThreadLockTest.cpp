@@ -6,8 +6,8 @@
 #include <string>
 #include <thread>
 
-#include "ZelException.h"
-#include "ZelThreadLock.h"
+#include <zel/ZelException.h>
+#include <zel/ZelThreadLock.h>
 
 namespace {
 

@@ -13,6 +13,10 @@
 //
 // Both reach the singleton through getInstance() (creating it on first use)
 // and take the logging lock, so they must not be called while it is held.
+// They are the public logReport(LogLevel::Error, ...) and debugReport(...)
+// behind the ZEL_LOG_ERROR and ZEL_DEBUG macros (LogMacros.h), called with
+// the component's fixed file, function and line instead of __FILE__,
+// __func__ and __LINE__.
 #ifndef ZEL_INTERNAL_REPORT_H
 #define ZEL_INTERNAL_REPORT_H
 
@@ -20,6 +24,9 @@
 
 namespace Zel {
 namespace internal {
+
+// The trace level of debug records on the version 2 trace interface.
+constexpr uint32_t kDebugTraceLevel = 14;
 
 void reportError(const char* file, const char* function, uint32_t line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "ZelMgmtSpiInterface.h"
-#include "ZelMwSpiTrace.h"
+#include <zel/ZelMgmtSpiInterface.h>
+#include <zel/ZelMwSpiTrace.h>
 
 namespace ZelTest {
 

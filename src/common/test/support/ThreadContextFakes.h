@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "ZelMgmtSpiThreadContext.h"
+#include <zel/ZelMgmtSpiThreadContext.h>
 
 namespace ZelTest {
 

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "LoggingWrapper.h"
+#include <zel/LoggingWrapper.h>
 #include "support/TempDir.h"
 
 namespace ZelTest {

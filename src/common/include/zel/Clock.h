@@ -10,7 +10,7 @@
 #ifndef ZEL_CLOCK_H
 #define ZEL_CLOCK_H
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "ZelReturn.h"
+#include <zel/ZelReturn.h>
 
 extern "C" {
 

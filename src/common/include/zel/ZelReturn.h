@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 // Outcome of an operation at the framework boundary (32 bits, signed).
 enum ZelReturnT : int32_t {

@@ -16,7 +16,7 @@
 #ifndef ZEL_ABSTRACT_TIMER_CALLBACK_H
 #define ZEL_ABSTRACT_TIMER_CALLBACK_H
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

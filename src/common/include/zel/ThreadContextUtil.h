@@ -33,9 +33,9 @@
 #ifndef ZEL_THREAD_CONTEXT_UTIL_H
 #define ZEL_THREAD_CONTEXT_UTIL_H
 
-#include "ZelExport.h"
-#include "ZelMgmtSpiInterface.h"
-#include "ZelMgmtSpiThreadContext.h"
+#include <zel/ZelExport.h>
+#include <zel/ZelMgmtSpiInterface.h>
+#include <zel/ZelMgmtSpiThreadContext.h>
 
 namespace Zel {
 

@@ -16,7 +16,7 @@
 
 #include <string>
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

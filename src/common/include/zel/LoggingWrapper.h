@@ -36,11 +36,11 @@
 #include <utility>
 #include <vector>
 
-#include "ZelExport.h"
-#include "ZelMgmtSpiInterface.h"
-#include "ZelMwSpiTrace.h"
-#include "ZelThreadAnnotations.h"
-#include "ZelThreadLock.h"
+#include <zel/ZelExport.h>
+#include <zel/ZelMgmtSpiInterface.h>
+#include <zel/ZelMwSpiTrace.h>
+#include <zel/ZelThreadAnnotations.h>
+#include <zel/ZelThreadLock.h>
 
 namespace Zel {
 
@@ -162,8 +162,9 @@ class ZEL_API LoggingWrapper {
   void set_log_spi(ZelMgmtSpiInterface_1* logSpi);
 
   // --- filters (lock-free; callers test them before formatting) ---------
-  // True when a log interface is set, TAV_ENV is set and _vekLevel shares a
-  // bit with mask; otherwise whether the overall level admits `level`.
+  // True when a log interface is set, TAV_ENV is set and the interface mask
+  // (get_vek_level()) shares a bit with mask; otherwise whether the overall
+  // level admits `level`.
   bool isSaLoggingAllowed(unsigned mask, unsigned level) const {
     if (__atomic_load_n(&_logSpi, __ATOMIC_RELAXED) != nullptr && !_applLogLevelCheckRequired &&
         (load(_vekLevel) & mask) != 0)
@@ -171,8 +172,8 @@ class ZEL_API LoggingWrapper {
     return load(_level) >= level;
   }
   // True when a trace interface is set, TAV_ENV is set and the debug bit 64
-  // of _vekDebugLevel is on; otherwise whether the overall level admits
-  // `level` (callers pass 8).
+  // of the debug mask (get_vekDebug_level()) is on; otherwise whether the
+  // overall level admits `level` (callers pass 8).
   bool isDebugLoggingAllowed(unsigned level) const {
     if (__atomic_load_n(&_traceEnabled, __ATOMIC_RELAXED) && !_applLogLevelCheckRequired &&
         (load(_vekDebugLevel) & 64u) != 0)
@@ -196,7 +197,8 @@ class ZEL_API LoggingWrapper {
   void vlog_printf(const char* functionName, unsigned level, unsigned facility, const char* format, va_list args)
       __attribute__((format(printf, 5, 0)));
 
-  // Opens _fname for appending; on failure perror("Failed to open log file!").
+  // Opens the log file (get_fname()) for appending; on failure
+  // perror("Failed to open log file!").
   void open_log_file() ZEL_REQUIRES(_lock);
   // Closes the local file if open; a failed close is reported on stderr.
   void close_log_file() ZEL_REQUIRES(_lock);
@@ -273,5 +275,9 @@ class ZEL_API LoggingWrapper {
 };
 
 }  // namespace Zel
+
+// ZEL_LOG_ERROR(format, ...) and the other one-line record macros, and the
+// Zel::LogLevel enumeration.
+#include <zel/LogMacros.h>
 
 #endif  // ZEL_LOGGING_WRAPPER_H

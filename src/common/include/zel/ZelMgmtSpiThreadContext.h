@@ -17,8 +17,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "ZelMgmtSpiInterface.h"
-#include "ZelReturn.h"
+#include <zel/ZelMgmtSpiInterface.h>
+#include <zel/ZelReturn.h>
 
 extern "C" {
 

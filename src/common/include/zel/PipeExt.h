@@ -44,8 +44,8 @@
 #include <list>
 #include <string>
 
-#include "PipeMessage.h"
-#include "ZelExport.h"
+#include <zel/PipeMessage.h>
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

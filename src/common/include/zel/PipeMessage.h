@@ -12,7 +12,7 @@
 
 #include <cstdint>
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

@@ -13,8 +13,8 @@
 
 #include <pthread.h>
 
-#include "ZelExport.h"
-#include "ZelThreadAnnotations.h"
+#include <zel/ZelExport.h>
+#include <zel/ZelThreadAnnotations.h>
 
 namespace Zel {
 

@@ -24,8 +24,8 @@
 #ifndef ZEL_MO_UTILS_H
 #define ZEL_MO_UTILS_H
 
-#include "ZelExport.h"
-#include "ZelMoAttributeValue.h"
+#include <zel/ZelExport.h>
+#include <zel/ZelMoAttributeValue.h>
 
 namespace Zel {
 

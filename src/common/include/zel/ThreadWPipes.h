@@ -23,9 +23,9 @@
 
 #include <list>
 
-#include "PipeExt.h"
-#include "PipeMessage.h"
-#include "ZelExport.h"
+#include <zel/PipeExt.h>
+#include <zel/PipeMessage.h>
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

@@ -36,8 +36,8 @@
 
 #include <string>
 
-#include "ZelExport.h"
-#include "ZelOamSpiMoc.h"
+#include <zel/ZelExport.h>
+#include <zel/ZelOamSpiMoc.h>
 
 namespace Zel {
 

@@ -31,7 +31,7 @@
 
 #include <string>
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

@@ -22,8 +22,9 @@
 // Threads: the application thread calls start(), stop(), restart() and the
 // destructor (start() and stop() from one thread at a time); the timer thread
 // runs run() and the callback, with no lock held, so the callback may call
-// restart() on its own timer but must not stop or destroy it. _mutex guards the
-// callback pointer, the period, the stop request and the deadline.
+// restart() on its own timer but must not stop or destroy it. A mutex of the
+// timer guards the callback pointer, the period, the stop request and the
+// deadline.
 //
 // Programming faults abort the process after logging "Assertion failed: <condition>"
 // (level 2) when the logging levels allow it, in every build type: negative
@@ -37,9 +38,9 @@
 #include <Poco/Event.h>
 #include <Poco/Mutex.h>
 
-#include "AbstractTimerCallback.h"
-#include "Clock.h"
-#include "ZelExport.h"
+#include <zel/AbstractTimerCallback.h>
+#include <zel/Clock.h>
+#include <zel/ZelExport.h>
 
 namespace Zel {
 

@@ -22,8 +22,8 @@
 #include <exception>
 #include <string>
 
-#include "ZelExport.h"
-#include "ZelReturn.h"
+#include <zel/ZelExport.h>
+#include <zel/ZelReturn.h>
 
 namespace Zel {
 
@@ -69,7 +69,8 @@ class ZEL_API ZelException : public std::exception {
 
   // what = name + "(" + reason + ")".
   void setWhatString();
-  // Starts/ends the window in which setReason(const char*) may read _args.
+  // Starts/ends the window in which setReason(const char*) may read the
+  // variadic arguments.
   void beginArgs() { _argsActive = true; }
   void endArgs();  // ends the window; the arguments can no longer be read
   // Constructor helper for derived classes: name, reason from format and

@@ -27,7 +27,7 @@
 
 #include <string>
 
-#include "ZelExport.h"
+#include <zel/ZelExport.h>
 
 namespace Zel {
 
