@@ -211,11 +211,18 @@ int LogFile::openDescriptor() {
     } else {
       flags |= O_NOFOLLOW;  // what was checked is what gets opened
       if (!S_ISREG(entry.st_mode) && foreign && isSharedStickyDirectory(_path)) return EACCES;
+      // An existing file is opened without O_CREAT: the kernel's
+      // protected_regular refuses O_CREAT on another user's file in a
+      // sticky directory, and appending to it is allowed.
+      if (S_ISREG(entry.st_mode)) flags &= ~O_CREAT;
     }
   } else {
     flags |= O_NOFOLLOW;  // a symlink planted between the check and the open is refused
   }
-  const int fd = ::open(_path.c_str(), flags, 0666);
+  int fd = ::open(_path.c_str(), flags, 0666);
+  if (fd < 0 && errno == ENOENT && (flags & O_CREAT) == 0) {
+    fd = ::open(_path.c_str(), flags | O_CREAT, 0666);  // it went away meanwhile
+  }
   if (fd < 0) return errno;
   struct stat st;
   if (::fstatat(fd, "", &st, AT_EMPTY_PATH) != 0) {
