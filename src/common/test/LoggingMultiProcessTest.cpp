@@ -121,7 +121,20 @@ class LoggingMultiProcessTest : public ZelTest::TempDirTest {
     usleep(20000);  // every writer has made its wrapper
     group.go();
     EXPECT_EQ("", group.waitAll());
-    return readBack(dir, static_cast<int>(limits.size()));
+    Census census = readBack(dir, static_cast<int>(limits.size()));
+    // The figures of the run, for the reliability notes.
+    size_t found = 0;
+    int lost = 0;
+    int duplicated = 0;
+    for (const std::vector<int>& sequence : census.sequences) {
+      found += sequence.size();
+      const Losses losses = countLosses(sequence, sequence.empty() ? 0 : sequence.front());
+      lost += losses.lost;
+      duplicated += losses.duplicated;
+    }
+    std::printf("[ figures  ] %zu files, %zu records found, %d lost (after the oldest kept), %zu torn, %d duplicated\n",
+                census.files, found, lost, census.torn.size(), duplicated);
+    return census;
   }
 };
 
@@ -168,6 +181,18 @@ TEST_F(LoggingMultiProcessTest, PruningByFourProcessesDeletesOnlyWholeOldestFile
     EXPECT_EQ(kRecordsPerProcess - 1, sequence.back()) << "process " << p;
   }
   EXPECT_GT(kept, static_cast<size_t>(kRecordsPerProcess));
+}
+
+TEST_F(LoggingMultiProcessTest, FourProcessesAtTheDefaultLimitLoseTearAndDuplicateNothing) {
+  const Census census = run({5242880, 5242880, 5242880, 5242880}, 100);
+  EXPECT_GT(census.files, 1u);
+  EXPECT_EQ(0u, census.torn.size()) << (census.torn.empty() ? "" : census.torn.front());
+  for (int p = 0; p < 4; ++p) {
+    const Losses losses = countLosses(census.sequences[static_cast<size_t>(p)], 0);
+    EXPECT_EQ(0, losses.lost) << "process " << p;
+    EXPECT_EQ(0, losses.duplicated) << "process " << p;
+    EXPECT_EQ(0, losses.outOfOrder) << "process " << p;
+  }
 }
 
 TEST_F(LoggingMultiProcessTest, WithoutRotationFourProcessesTearNoRecord) {
