@@ -24,6 +24,15 @@
 // the same thread. The filters and the level setters take no lock; they use
 // relaxed atomic accesses, so a filter may see a setter's value late.
 //
+// The local file may be shared by every process of the framework: records
+// are buffered and written in whole records on an append-mode descriptor;
+// rotation is serialised across processes by a lock on the log directory and
+// a writer follows a live file that another process rotated (or a tool
+// renamed or deleted) before it writes. Records at levels 0 to 2 are written
+// before log_printf returns, the others once the buffer is full or its oldest
+// record is a second old, and at flush(), close() and exit().
+// ZEL_LOGGING_CRASH_FLUSH=1 also writes them on a fatal signal.
+//
 // Problems of the logging machinery itself go to standard error, never to the
 // caller.
 #ifndef ZEL_LOGGING_WRAPPER_H
@@ -48,6 +57,8 @@ namespace Zel {
 
 namespace internal {
 class LogFile;
+// Writes the buffered records of every wrapper; run by exit().
+void flushLogFilesAtExit();
 }  // namespace internal
 
 // Names of the environment variables and the default file name, read by the
@@ -203,8 +214,6 @@ class ZEL_API LoggingWrapper {
   // otherwise when the buffer is full or its oldest record is a second old,
   // and at flush(), close() and the end of the process.
   void flush();
-  // flush() for the exit handler, which already holds _lock.
-  void flushForExit() ZEL_REQUIRES(_lock);
 
   // Opens _fname for appending; on failure perror("Failed to open log file!").
   void open_log_file() ZEL_REQUIRES(_lock);
@@ -252,6 +261,10 @@ class ZEL_API LoggingWrapper {
                      const char* format, va_list args) __attribute__((format(printf, 7, 0)));
 
  private:
+  friend void internal::flushLogFilesAtExit();
+  // flush() for the exit handler, which already holds _lock.
+  void flushForExit() ZEL_REQUIRES(_lock);
+
   static unsigned load(const uint32_t& value) { return __atomic_load_n(&value, __ATOMIC_RELAXED); }
   static void store(uint32_t& value, unsigned v) { __atomic_store_n(&value, v, __ATOMIC_RELAXED); }
 

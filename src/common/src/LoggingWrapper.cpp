@@ -88,10 +88,12 @@ ExitRegistry& exitRegistry() {
   return *registry;
 }
 
+}  // namespace
+
 // At exit, every wrapper's buffered records are written, as stdio did for
 // its streams. A thread that keeps the logging lock for long (a version 2
 // trace interface blocked under it) does not hold up the exit for good.
-void flushAtExit() {
+void internal::flushLogFilesAtExit() {
   ExitRegistry& registry = exitRegistry();
   std::lock_guard<std::mutex> guard(registry.mutex);
   if (registry.wrappers.empty()) return;
@@ -106,6 +108,10 @@ void flushAtExit() {
   for (LoggingWrapper* wrapper : registry.wrappers) wrapper->flushForExit();
   pthread_mutex_unlock(mutex);
 }
+
+namespace {
+
+void flushAtExit() { internal::flushLogFilesAtExit(); }
 
 void registerForExit(LoggingWrapper* wrapper) {
   ExitRegistry& registry = exitRegistry();
