@@ -8,6 +8,8 @@
 // crashes and nothing deadlocks.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -368,11 +370,18 @@ struct Note : Zel::PipeMessage {
 // not " IN faulty <record text>" behind a time stamp.
 std::vector<std::string> malformedLines(const std::string& text) {
   static const std::regex record(std::string("^") + ZelTest::kStampPattern +
-                                 " (IN faulty                    fault record \\d+|ER LoggingWrapper  .*)$");
+                                 " ((IN|CR) faulty                    fault record \\d+|ER LoggingWrapper  .*)$");
   std::vector<std::string> bad;
   for (const std::string& line : ZelTest::splitLines(text))
     if (!std::regex_match(line, record)) bad.push_back(line);
   return bad;
+}
+
+// True when a time stamp starts anywhere but at the beginning of `line`: a
+// record glued to the rest of another.
+bool holdsSecondStamp(const std::string& line) {
+  static const std::regex stamp(ZelTest::kStampPattern);
+  return line.size() > 1 && std::regex_search(line.substr(1), stamp);
 }
 
 void setFileSizeLimit(rlim_t limit) {
@@ -464,6 +473,67 @@ void writeLimitBelowRotationChild(const std::string& dir) {
 
 TEST_F(LoggingFaultTest, WriteLimitBelowTheRotationLimitIsSaidOnceAndTheDroppedRecordsAreCountedInTheFile) {
   EXPECT_EXIT(writeLimitBelowRotationChild(tmp.path()), ::testing::ExitedWithCode(0), "");
+  survived();
+}
+
+// A 256 KiB tmpfs as the log directory, mounted in a mount namespace of the
+// child's own (root only): the disk fills up for real.
+void fullTmpfsChild(const std::string& mountPoint) {
+  CHILD_EXPECT(::unshare(CLONE_NEWNS) == 0);
+  CHILD_EXPECT(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
+  CHILD_EXPECT(::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=256k") == 0);
+  const std::string filler = mountPoint + "/filler";
+  // Half the disk: freeing it makes room for the 64 KiB buffer and more.
+  ZelTest::writeFile(filler, std::string(128 * 1024, 'f'));
+  LoggingWrapper* w = ZelTest::makeWrapper(mountPoint, {{"ZEL_LOGGING_FMAXSIZE", "10000000"}});
+  StderrCapture cap;
+  const int last = 5000;  // about 370 KiB of records: the disk fills on the way
+  for (int n = 1; n <= last; ++n) writeRecord(w, n);
+  w->flush();
+  const std::string err = cap.release();
+  CHILD_EXPECT_EQ("Failed to write log file. Errno: " + errnoText(ENOSPC) + "\n", err);
+
+  // Space again: the kept records, then the count of the dropped ones.
+  CHILD_EXPECT(::unlink(filler.c_str()) == 0);
+  StderrCapture quiet;
+  writeRecord(w, last + 1);
+  w->flush();
+  CHILD_EXPECT_EQ(std::string(), quiet.release());
+  std::string text = readFile(mountPoint + "/zel.log");
+  // Lines the full disk cut (each write that only partly fitted leaves one),
+  // each ended by a newline: none holds the start of another record.
+  for (const std::string& cut : malformedLines(text)) CHILD_EXPECT(!holdsSecondStamp(cut));
+  const std::regex notice(" ER LoggingWrapper" + std::string(12, ' ') +
+                          "(\\d+) log records were dropped while the log file could not be written\n");
+  std::smatch match;
+  CHILD_EXPECT(std::regex_search(text, match, notice));
+  int kept = 0;
+  for (int n = 1; n <= last; ++n) kept += holdsRecord(text, n) ? 1 : 0;
+  CHILD_EXPECT_EQ(last, kept + std::stoi(match[1]));
+  CHILD_EXPECT(holdsRecord(text.substr(static_cast<size_t>(match.position(0))), last + 1));
+
+  // Full again; then the live file is deleted: the next write lets go of
+  // it, its space is free at once and the records go to a new file.
+  StderrCapture again;
+  for (int n = last + 2; n <= 2 * last; ++n) writeRecord(w, n);
+  w->flush();
+  CHILD_EXPECT_EQ("Failed to write log file. Errno: " + errnoText(ENOSPC) + "\n", again.release());
+  CHILD_EXPECT(::unlink((mountPoint + "/zel.log").c_str()) == 0);
+  StderrCapture freed;
+  w->log_printf("faulty", 2, 1, "%s", recordText(2 * last + 1).c_str());
+  CHILD_EXPECT_EQ(std::string(), freed.release());
+  text = readFile(mountPoint + "/zel.log");
+  CHILD_EXPECT(text.find(" CR faulty                    " + recordText(2 * last + 1) + "\n") != std::string::npos);
+  for (const std::string& cut : malformedLines(text)) CHILD_EXPECT(!holdsSecondStamp(cut));
+  ZelTest::closeWrapperFile(w);
+  _exit(0);
+}
+
+TEST_F(LoggingFaultTest, FullDiskIsSaidOnceTheDroppedRecordsAreCountedAndADeletedFileIsLetGoOf) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  const std::string mountPoint = tmp.file("small");
+  ASSERT_EQ(0, ::mkdir(mountPoint.c_str(), 0700));
+  EXPECT_EXIT(fullTmpfsChild(mountPoint), ::testing::ExitedWithCode(0), "");
   survived();
 }
 
