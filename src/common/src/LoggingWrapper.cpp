@@ -42,8 +42,6 @@ namespace {
 
 // Priority of the two service messages: user facility, informational.
 const int kServiceLogPriority = LOG_USER | LOG_INFO;  // 14
-const int kTimeSize = 30;
-static_assert(kTimeSize == internal::LocalTimeCache::kMaxStampLength + 1, "a stamp buffer holds the whole stamp");
 const unsigned kRawFacility = 13;
 const unsigned kHighestLevel = 6;
 const unsigned kUrgentLevel = 2;  // EM, AL and CR records are written at once
@@ -93,7 +91,7 @@ ExitRegistry& exitRegistry() {
 // At exit, every wrapper's buffered records are written, as stdio did for
 // its streams. A thread that keeps the logging lock for long (a version 2
 // trace interface blocked under it) does not hold up the exit for good.
-void internal::flushLogFilesAtExit() {
+void internal::flushLogFilesAtExit() ZEL_NO_THREAD_SAFETY_ANALYSIS {
   ExitRegistry& registry = exitRegistry();
   std::lock_guard<std::mutex> guard(registry.mutex);
   if (registry.wrappers.empty()) return;

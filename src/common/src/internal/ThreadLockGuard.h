@@ -29,7 +29,7 @@ class ZEL_THREAD_ATTRIBUTE(scoped_lockable) ThreadLockGuard {
     _held = true;
   }
   // For a lock the calling thread already holds.
-  ThreadLockGuard(ZelThreadLock* lock, Adopt) ZEL_THREAD_ATTRIBUTE(acquire_capability(lock))
+  ThreadLockGuard(ZelThreadLock* lock, Adopt) ZEL_REQUIRES(lock)
       : _lock(lock), _held(true), _exceptions(std::uncaught_exceptions()) {}
 
   ~ThreadLockGuard() noexcept(false) ZEL_RELEASE() {
