@@ -130,6 +130,29 @@ TEST_F(LoggingCrashTest, ExitWritesEveryBufferedRecord) {
   for (int n = 1; n <= 100; ++n) EXPECT_TRUE(holdsRecord(text, "IN", n)) << n;
 }
 
+TEST_F(LoggingCrashTest, ForkedChildThatExitsDoesNotWriteItsParentsRecordsAgain) {
+  const std::string dir = tmp.path();
+  const pid_t parent = ZelTest::startProcess([&] {
+    LoggingWrapper* w = ZelTest::makeWrapper(dir);
+    for (int n = 1; n <= 3; ++n) w->log_printf("crashTest", 6, 1, "%s", recordText(n).c_str());
+    const pid_t child = ::fork();  // a plain fork: nothing flushed before it
+    if (child == 0) {
+      w->log_printf("crashTest", 6, 1, "%s", recordText(4).c_str());
+      std::exit(0);  // writes the child's own record only
+    }
+    (void)ZelTest::waitStatus(child);
+    std::exit(0);
+  });
+  (void)ZelTest::waitStatus(parent);
+  const std::string text = readFile(liveFile());
+  for (int n = 1; n <= 4; ++n) {
+    const std::string line = " IN crashTest                 " + recordText(n) + "\n";
+    size_t count = 0;
+    for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++count;
+    EXPECT_EQ(1u, count) << n << "\n" << text;
+  }
+}
+
 TEST_F(LoggingCrashTest, PublicFlushWritesEveryBufferedRecord) {
   const std::string dir = tmp.path();
   const pid_t child = ZelTest::startProcess([&] {

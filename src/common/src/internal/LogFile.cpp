@@ -165,6 +165,7 @@ LogFile::LogFile()
       _gaveUpUntil(0),
       _saidUncoordinated(false),
       _forkGeneration(0),
+      _bufferGeneration(gForkGeneration.load(std::memory_order_relaxed)),
       _rotatedByUs(),
       _cutFile(),
       _createdAt() {
@@ -180,7 +181,21 @@ LogFile::~LogFile() {
   delete[] _buffer;
 }
 
+void LogFile::dropInheritedRecords() {
+  const unsigned generation = gForkGeneration.load(std::memory_order_relaxed);
+  if (generation == _bufferGeneration) return;
+  // A child of fork(): the buffered records are its parent's, which writes
+  // them itself; writing them here too would duplicate them.
+  _bufferGeneration = generation;
+  _length.store(0, std::memory_order_release);
+  _needNewline = false;
+  _failing = false;
+  _dropped = 0;
+}
+
 int LogFile::open(const std::string& path, const std::string& lockDirectory, uint64_t sizeLimit) {
+  dropInheritedRecords();
+  if (isOpen()) (void)close();  // a second open replaces the first, it does not leak it
   if (_buffer == nullptr) {
     _buffer = new (std::nothrow) char[kLargeBuffer];
     if (_buffer == nullptr) return ENOMEM;
@@ -270,6 +285,7 @@ int LogFile::closeAfterStatFailure() {
 
 void LogFile::append(const char* line, size_t length, bool urgent, const struct timeval& now) {
   if (_buffer == nullptr) return;
+  dropInheritedRecords();
   if (length + 1 > _capacity - _length.load(std::memory_order_relaxed)) (void)flush();
   if (!isOpen()) {
     // The live file could not be reopened: the buffer went to standard
@@ -293,6 +309,7 @@ void LogFile::append(const char* line, size_t length, bool urgent, const struct 
 }
 
 bool LogFile::flush() {
+  dropInheritedRecords();
   if (_length.load(std::memory_order_relaxed) == 0 && _dropped == 0 && !_needNewline) return true;
   if (!isOpen()) return false;
   const bool locked = _lockState == LockState::None && lockDirectory(LOCK_SH);

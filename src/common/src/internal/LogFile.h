@@ -175,7 +175,8 @@ class LogFile {
   // Sends the buffer to standard error (no file could be opened) and empties it.
   void bufferToStderr();
   void enterFailing(int error);
-  bool writeAll(const char* data, size_t length, size_t* written);
+  // In a child of fork(), forgets the records buffered by the parent.
+  void dropInheritedRecords();
 
   std::atomic<int> _fd;
   int _dirFd;
@@ -193,6 +194,7 @@ class LogFile {
   long _gaveUpUntil;                 // monotonic microseconds; no waiting before then
   bool _saidUncoordinated;
   unsigned _forkGeneration;          // of the process that opened _dirFd
+  unsigned _bufferGeneration;        // of the process whose records are buffered
   FileIdentity _rotatedByUs;         // the file this process last rotated away
   FileIdentity _cutFile;             // the file a short write left inside a record
   struct timespec _createdAt;        // wall clock when this object was made
