@@ -8,6 +8,15 @@
 // of one fresh temporary directory, which is removed when the process ends.
 //
 //   BM_Logging_LogPrintf      Zel::LoggingWrapper::log_printf
+//   BM_Logging_LogPrintfBaseline  the same record through the wrapper of the
+//                             commit before the shared log file (stdio
+//                             buffer, no cross-process coordination), built
+//                             from that commit's sources (bench/baseline/)
+//   BM_Logging_FourProcessesOneFile  four processes writing one file with
+//                             the default limits, 20000 records each;
+//                             records/s of the four together (wall time)
+//   BM_Logging_FourProcessesOneFileBaseline  the same with the baseline
+//                             wrapper (which loses and tears records there)
 //   BM_Logging_Spdlog         spdlog logger on a rotating_file_sink_mt
 //   BM_Logging_PocoFileChannel  Poco::Logger -> PatternFormatter -> FileChannel
 //   BM_Logging_Glog           glog LOG(ERROR) into its own file only
@@ -30,11 +39,13 @@
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -57,6 +68,10 @@
 #include <glog/logging.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
+
+#ifdef ZEL_BENCH_HAVE_BASELINE
+#include "BaselineLogging.h"
+#endif
 
 #include <zel/LoggingWrapper.h>
 
@@ -497,6 +512,72 @@ FloorLog* floorLog(FloorLog::Mode mode) {
   }
 }
 
+// --- contender: the baseline wrapper --------------------------------------------
+
+#ifdef ZEL_BENCH_HAVE_BASELINE
+void* baselineWrapper() {
+  static void* wrapper = ZelBench::baselineMakeWrapper(BenchRoot::get().subdir("zel-baseline").c_str());
+  return wrapper;
+}
+#endif
+
+// --- several processes, one file -------------------------------------------------
+
+const int kRecordsPerProcess = 20000;
+const int kWriterProcesses = 4;
+
+// Removes the log files of `dir` so that each run starts from nothing.
+void emptyDirectory(const std::string& dir) {
+  if (DIR* d = opendir(dir.c_str())) {
+    while (struct dirent* entry = readdir(d)) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") (void)unlink((dir + "/" + name).c_str());
+    }
+    closedir(d);
+  }
+}
+
+// One run: the writer processes are forked and make their wrappers first,
+// then start together at a gate; the time is from the gate to the last exit.
+template <typename Make, typename Write, typename Close>
+double fourProcessesSeconds(const std::string& dir, Make make, Write write, Close close) {
+  emptyDirectory(dir);
+  int gate[2];
+  if (pipe(gate) != 0) return 0;
+  std::vector<pid_t> children;
+  for (int i = 0; i < kWriterProcesses; ++i) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      ::close(gate[1]);
+      void* wrapper = make(dir);
+      char byte;
+      while (read(gate[0], &byte, 1) < 0 && errno == EINTR) {
+      }
+      for (int n = 0; n < kRecordsPerProcess; ++n) write(wrapper, n);
+      close(wrapper);
+      _exit(0);
+    }
+    children.push_back(pid);
+  }
+  usleep(50000);  // every writer has made its wrapper
+  const auto start = std::chrono::steady_clock::now();
+  ::close(gate[1]);
+  for (pid_t pid : children) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+  }
+  const auto end = std::chrono::steady_clock::now();
+  ::close(gate[0]);
+  return std::chrono::duration<double>(end - start).count();
+}
+
+template <typename Make, typename Write, typename Close>
+void fourProcessesBenchmark(benchmark::State& state, const std::string& dir, Make make, Write write, Close close) {
+  for (auto _ : state) state.SetIterationTime(fourProcessesSeconds(dir, make, write, close));
+  state.SetItemsProcessed(state.iterations() * kWriterProcesses * kRecordsPerProcess);
+}
+
 // --- the benchmarks -----------------------------------------------------------------
 
 void setRecordsProcessed(benchmark::State& state) { state.SetItemsProcessed(state.iterations()); }
@@ -507,6 +588,32 @@ void BM_Logging_LogPrintf(benchmark::State& state) {
   for (auto _ : state) wrapper->log_printf(kFunction, kLevel, kFacility, kFormat, error, kTarget);
   setRecordsProcessed(state);
 }
+
+#ifdef ZEL_BENCH_HAVE_BASELINE
+void BM_Logging_LogPrintfBaseline(benchmark::State& state) {
+  void* wrapper = baselineWrapper();
+  const int error = EAGAIN;
+  for (auto _ : state) ZelBench::baselineLogRecord(wrapper, error, kTarget);
+  setRecordsProcessed(state);
+}
+#endif
+
+void BM_Logging_FourProcessesOneFile(benchmark::State& state) {
+  fourProcessesBenchmark(
+      state, BenchRoot::get().subdir("zel-4proc"), [](const std::string& dir) -> void* { return makeWrapper(dir); },
+      [](void* w, int) { static_cast<Zel::LoggingWrapper*>(w)->log_printf(kFunction, kLevel, kFacility, kFormat, EAGAIN, kTarget); },
+      [](void* w) { static_cast<Zel::LoggingWrapper*>(w)->close(); });
+}
+
+#ifdef ZEL_BENCH_HAVE_BASELINE
+void BM_Logging_FourProcessesOneFileBaseline(benchmark::State& state) {
+  fourProcessesBenchmark(
+      state, BenchRoot::get().subdir("zel-4proc-baseline"),
+      [](const std::string& dir) { return ZelBench::baselineMakeWrapper(dir.c_str()); },
+      [](void* w, int) { ZelBench::baselineLogRecord(w, EAGAIN, kTarget); },
+      [](void* w) { ZelBench::baselineClose(w); });
+}
+#endif
 
 void BM_Logging_Spdlog(benchmark::State& state) {
   spdlog::logger* logger = spdlogLogger();
@@ -635,6 +742,13 @@ void BM_Logging_AllocsGlog(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_Logging_LogPrintf)->Threads(1)->Threads(2)->UseRealTime();
+#ifdef ZEL_BENCH_HAVE_BASELINE
+BENCHMARK(BM_Logging_LogPrintfBaseline)->Threads(1)->Threads(2)->UseRealTime();
+#endif
+BENCHMARK(BM_Logging_FourProcessesOneFile)->UseManualTime()->Iterations(5);
+#ifdef ZEL_BENCH_HAVE_BASELINE
+BENCHMARK(BM_Logging_FourProcessesOneFileBaseline)->UseManualTime()->Iterations(5);
+#endif
 BENCHMARK(BM_Logging_Floor)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_Logging_FloorSnprintf)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_Logging_FloorNoFstat)->Threads(1)->Threads(2)->UseRealTime();

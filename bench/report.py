@@ -25,6 +25,9 @@ LOGGING_FILTER = "BM_Logging_"
 # (benchmark function, label) in table order.
 CONTENDERS = [
     ("BM_Logging_LogPrintf", "log_printf"),
+    ("BM_Logging_LogPrintfBaseline", "log_printf, previous commit"),
+    ("BM_Logging_FourProcessesOneFile", "4 processes, one file (sum)"),
+    ("BM_Logging_FourProcessesOneFileBaseline", "4 proc., previous commit"),
     ("BM_Logging_Floor", "floor"),
     ("BM_Logging_FloorSnprintf", "floor, snprintf formats"),
     ("BM_Logging_FloorNoFstat", "floor without fstat"),
@@ -134,6 +137,8 @@ def check_targets(found):
         floors = [(rate(found, f, t), f) for f in FLOORS_WITH_FSTAT if rate(found, f, t)]
         best = max(floors)[0] if floors else None
         verdict(f"log_printf / best floor, {t} thread(s)", ratio(lp, best), 0.95)
+        verdict(f"log_printf / previous commit, {t} thread(s)",
+                ratio(lp, rate(found, "BM_Logging_LogPrintfBaseline", t)), 0.95)
         verdict(f"log_printf / POCO FileChannel, {t} thread(s)", ratio(lp, rate(found, "BM_Logging_PocoFileChannel", t)), 3.0)
         verdict(f"log_printf / glog, {t} thread(s)", ratio(lp, rate(found, "BM_Logging_Glog", t)), 3.0)
         verdict(f"log_printf / spdlog, {t} thread(s)", ratio(lp, rate(found, "BM_Logging_Spdlog", t)), 0.8 if t == 1 else 1.0)

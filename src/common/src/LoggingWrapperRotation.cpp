@@ -5,6 +5,12 @@
 // _maxSize. Everything here runs under LoggingWrapper::_lock, held by the
 // record writers; nothing here takes it. Failures of rename and unlink are
 // deliberately ignored: a record must never be lost to a rotation problem.
+//
+// Several processes may write the same file. A rotation therefore runs
+// under the log directory's lock held exclusively (internal::LogFile), and
+// is checked again under it: when the live path already names another file
+// than the one this process has open, another process has just rotated, and
+// this one only reopens the live file.
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +24,7 @@
 #include <sstream>
 
 #include <zel/LoggingWrapper.h>
+#include "internal/LogFile.h"
 #include "internal/LogFileNames.h"
 
 namespace Zel {
@@ -125,7 +132,9 @@ void LoggingWrapper::rotateLogs() {
     const uint64_t lastSize = static_cast<uint64_t>(internal::getFileSize(matches.back().second));
     // A newest numbered file that is not full is reused: the live file is
     // renamed onto it.
-    if (!(static_cast<uint64_t>(load(_maxSize)) > lastSize)) {
+    // A numbered file that another process rotated while this one ran is
+    // never written over: it holds that process's records.
+    if (!(static_cast<uint64_t>(load(_maxSize)) > lastSize && _file->mayReuse(matches.back().second))) {
       const int32_t next = followingIndex(last);
       matches.emplace_back(next, makeLogFilename(next));
       if (!(_lastIndex > last)) renumberFiles(matches);
@@ -138,7 +147,10 @@ void LoggingWrapper::rotateLogs() {
   // live file then stays and is appended to.
   if (matches.empty()) return;
   const std::string target = matches.back().second;
-  if (::access(_fname.c_str(), W_OK) == 0) (void)std::rename(_fname.c_str(), target.c_str());
+  if (::access(_fname.c_str(), W_OK) == 0) {
+    _file->noteRotated(_fname);
+    (void)std::rename(_fname.c_str(), target.c_str());
+  }
 }
 
 void LoggingWrapper::check_and_rotate_log_file() {
@@ -147,21 +159,32 @@ void LoggingWrapper::check_and_rotate_log_file() {
     std::fflush(stderr);
     return;
   }
-  if (_file == nullptr) return;
+  if (!_file->isOpen()) return;
   struct stat st;
-  if (::fstat(fileno(_file), &st) != 0) {
+  if (::fstat(_file->descriptor(), &st) != 0) {
     const int statError = errno;
     std::fprintf(stderr, "Failed to stat log file. Errno: %d: %s\n", statError, std::strerror(statError));
     std::fflush(stderr);
-    if (std::fclose(_file) != 0) {
-      const int closeError = errno;
+    const int closeError = _file->closeAfterStatFailure();
+    if (closeError != 0) {
       std::fprintf(stderr, "Failed to close log file. Errno: %d: %s\n", closeError, std::strerror(closeError));
       std::fflush(stderr);
     }
-    _file = nullptr;
     return;
   }
   if (static_cast<int64_t>(st.st_size) <= static_cast<int64_t>(load(_maxSize))) return;
+  // Only one process of the directory rotates at a time, and the check is
+  // made again once the lock is held: another process may have rotated the
+  // file in the meantime, and then the live file is reopened instead.
+  internal::LogFile::RotationLock rotation(*_file);
+  if (_file->replacedAtPath()) {
+    const int error = _file->reopen();  // the buffer stays and goes to the live file
+    if (error != 0) {
+      errno = error;
+      std::perror("Failed to open log file!");
+    }
+    return;
+  }
   close_log_file();
   rotateLogs();
   open_log_file();

@@ -10,6 +10,8 @@
 #include <cstring>
 
 #include <zel/LoggingWrapper.h>
+#include "internal/LogFile.h"
+#include "internal/ThreadLockGuard.h"
 #include "internal/TimeStamp.h"
 
 namespace Zel {
@@ -30,10 +32,7 @@ ZelMwSpiTraceSubsystemHandle_2T Other = 0;
 
 namespace {
 
-const size_t kMessageSize = 800;
-const size_t kRecordSize = 1000;
 const uint32_t kTailSize = 65;
-const int kTimeSize = 30;
 const uint32_t kDebugLevel = 8;
 const uint32_t kKindFunction = 9;
 const uint32_t kKindFunctionValue = 10;
@@ -62,8 +61,6 @@ const Subsystem kSubsystems[] = {
     {"ZelSvs", &Trace::Svs, "Could not register ZelSvs subsystem in v2 of trace if"},
     {"ZelOther", &Trace::Other, "Could not register ZelOther subsystem in v2 of trace if"},
 };
-
-internal::LocalTimeCache gTraceTimeCache;  // used only under LoggingWrapper::_lock
 
 bool isBlankOrSlash(char c) { return c == ' ' || c == '/'; }
 
@@ -105,8 +102,8 @@ char* path_tail(char* destination, const char* path, uint32_t size) {
 }
 
 void LoggingWrapper::set_trace_spi(ZelMgmtSpiInterface_1* traceSpi) {
-  _lock->lock();
-  try {
+  internal::ThreadLockGuard guard(_lock);
+  {
     if (traceSpi == nullptr) {
       _traceSpi = nullptr;
       _traceV2Spi = nullptr;
@@ -133,11 +130,7 @@ void LoggingWrapper::set_trace_spi(ZelMgmtSpiInterface_1* traceSpi) {
       _traceV2Spi = nullptr;
       __atomic_store_n(&_traceEnabled, false, __ATOMIC_RELAXED);
     }
-  } catch (...) {
-    _lock->errUnlock();
-    throw;
   }
-  _lock->unlock();
 }
 
 void LoggingWrapper::trace_v2_printf(ZelMwSpiTraceSubsystemHandle_2T handle, ZelMwSpiTraceLevelT level,
@@ -152,19 +145,13 @@ void LoggingWrapper::trace_v2_printf(ZelMwSpiTraceSubsystemHandle_2T handle, Zel
 void LoggingWrapper::vtrace_v2_printf(ZelMwSpiTraceSubsystemHandle_2T handle, ZelMwSpiTraceLevelT level,
                                       const char* file, const char* function, uint32_t line, const char* format,
                                       va_list args) {
-  _lock->lock();
-  try {
-    if (isClosed()) {
-      complainClosed(file, function, line);
-    } else if (_traceV2Spi != nullptr) {
-      close_log_file();  // from the first forwarded record on, nothing is written locally
-      _traceV2Spi->vtrace(handle, level, file, line, function, format, args);
-    }
-  } catch (...) {
-    _lock->errUnlock();
-    throw;
+  internal::ThreadLockGuard guard(_lock);
+  if (isClosed()) {
+    complainClosed(file, function, line);
+  } else if (_traceV2Spi != nullptr) {
+    close_log_file();  // from the first forwarded record on, nothing is written locally
+    _traceV2Spi->vtrace(handle, level, file, line, function, format, args);
   }
-  _lock->unlock();
 }
 
 void LoggingWrapper::trace_printf(const char* file, const char* function, uint32_t line, uint32_t level,
@@ -178,8 +165,8 @@ void LoggingWrapper::trace_printf(const char* file, const char* function, uint32
 void LoggingWrapper::vtrace_printf(const char* file, const char* function, uint32_t line, uint32_t level,
                                    uint32_t kind, const char* format, va_list args) {
   const char* filePath = file != nullptr ? file : "";
-  char message[kMessageSize];
-  char record[kRecordSize];
+  char message[internal::kMessageSize];
+  char record[internal::kRecordSize];
   char tail[kTailSize];
   ZelMwSpiTrace_1* traceSpi = nullptr;
 
@@ -191,39 +178,31 @@ void LoggingWrapper::vtrace_printf(const char* file, const char* function, uint3
     path_tail(tail, filePath, kTailSize);
   }
 
-  _lock->lock();
-  try {
+  {
+    internal::ThreadLockGuard guard(_lock);
     if (isClosed()) {
       complainClosed(file, function, line);
-      _lock->unlock();
       return;
     }
-    if (_traceV2Spi != nullptr || level != kDebugLevel) {
-      _lock->unlock();
-      return;
-    }
+    if (_traceV2Spi != nullptr || level != kDebugLevel) return;
     if (_traceSpi != nullptr) {
       close_log_file();
       std::snprintf(record, sizeof(record), "%-24s:%-5d - %-25s %s", tail, static_cast<int>(line), function,
                     message);
       traceSpi = _traceSpi;
     } else {
-      if (_file == nullptr) open_log_file();
+      if (!_file->isOpen()) open_log_file();
       struct timeval now;
       gettimeofday(&now, nullptr);
-      char stamp[kTimeSize];
-      gTraceTimeCache.format(stamp, kTimeSize, now);
-      const std::string tag = _get_level_str(kDebugLevel);
-      std::snprintf(record, sizeof(record), "%s %2s %-24s:%-5d - %-25s %s", stamp, tag.c_str(), tail,
-                    static_cast<int>(line), function, message);
+      char stamp[internal::LocalTimeCache::kMaxStampLength];
+      const size_t stampLength = _file->stamp(stamp, now);
+      const size_t length =
+          internal::composeLine(record, sizeof(record), stamp, stampLength, _get_level_str(kDebugLevel).c_str(),
+                                tail, static_cast<int>(line), function, message);
       check_and_rotate_log_file();
-      writeRecordLine(record);
+      writeFileLine(record, length, false, now);
     }
-  } catch (...) {
-    _lock->errUnlock();
-    throw;
   }
-  _lock->unlock();
 
   if (traceSpi == nullptr) return;
   // The version 1 interface is called outside the lock.

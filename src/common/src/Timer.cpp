@@ -33,6 +33,9 @@ void checkTimerAssertion(bool holds, const char* condition, const char* function
   try {
     LoggingWrapper* logger = LoggingWrapper::getInstance();
     if (logger->isSaLoggingAllowed(4, 2)) logger->log_printf(function, 2, 1, "Assertion failed: %s", condition);
+    // The abort ends the process without exit handlers: whatever the log
+    // file still buffers is written now.
+    logger->flush();
   } catch (...) {
   }
   __assert_fail(condition, kAssertFile, line, signature);

@@ -8,6 +8,8 @@
 // crashes and nothing deadlocks.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 #include <list>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -30,6 +33,7 @@
 #include "faults/FaultInjection.h"
 #include "support/ChildProcess.h"
 #include "support/Fakes.h"
+#include "support/LogLines.h"
 #include "support/StderrCapture.h"
 #include "support/WrapperFixture.h"
 
@@ -117,18 +121,16 @@ TEST_F(LoggingFaultTest, LogDirectoryRemovedWhileLoggingGoesToStderrUntilItIsBac
   ASSERT_FALSE(fileExists(dir));
 
   StderrCapture cap;
-  // The open file lives on unlinked until its size, once the stdio buffer
-  // has been flushed, calls for a rotation; from then on the directory cannot
-  // be read and the file cannot be reopened.
+  // The file is let go of at the first write of the buffer (its path no
+  // longer names it) and cannot be opened again: the buffered records and
+  // every later one go to standard error, each exactly once.
   const int last = 200;
   for (int n = 3; n <= last; ++n) writeRecord(w, n);
   const std::string err = cap.release();
-  EXPECT_NE(std::string::npos, err.find("Failed to open dir " + dir + "\n\n")) << err;
   EXPECT_NE(std::string::npos, err.find("Failed to open log file!: " + std::string(std::strerror(ENOENT)) + "\n"))
       << err;
-  // Each record that found no file went to standard error in full.
-  EXPECT_TRUE(holdsRecord(err, last)) << err;
-  EXPECT_EQ(countOf(err, "Failed to open log file!"), countOf(err, " IN faulty ")) << err;
+  for (int n = 2; n <= last; ++n) EXPECT_EQ(1u, countOf(err, recordText(n) + "\n")) << n;
+  EXPECT_EQ(static_cast<size_t>(last - 1), countOf(err, " IN faulty ")) << err;
 
   // The directory comes back: the next record reopens the file there.
   ASSERT_EQ(0, ::mkdir(dir.c_str(), 0700));
@@ -189,31 +191,25 @@ TEST_F(LoggingFaultTest, LiveFileReplacedByDirectoryBetweenRecordsSendsRecordsTo
   survived();
 }
 
-TEST_F(LoggingFaultTest, LiveFileReplacedByDirectoryWhileOpenKeepsEveryRecordFromTheRotationOn) {
+TEST_F(LoggingFaultTest, LiveFileReplacedByDirectoryWhileOpenSendsEveryRecordToStderrNoneIntoTheUnlinkedFile) {
   LoggingWrapper* w = smallWrapper(200);
-  writeRecord(w, 1);  // the file is open now
+  writeRecord(w, 1);  // the file is open now, the record buffered
   ASSERT_EQ(0, ::unlink(liveFile().c_str()));
   ASSERT_EQ(0, ::mkdir(liveFile().c_str(), 0700));
   StderrCapture cap;
   const int last = 200;
   for (int n = 2; n <= last; ++n) writeRecord(w, n);
   ZelTest::closeWrapperFile(w);
-  EXPECT_EQ("", cap.release());
-  // The records written into the unlinked file are gone with it. Once the
-  // stdio buffer reached it, its size called for a rotation, which moved
-  // the directory out of the way (to the first slot) and opened a new file:
-  // from that record on, everything is there.
+  const std::string err = cap.release();
+  // The first write of the buffer finds that the path no longer names the
+  // open file and reopens it: a directory, so the buffer and every later
+  // record go to standard error. Nothing went into the unlinked file.
+  EXPECT_NE(std::string::npos, err.find("Failed to open log file!: " + std::string(std::strerror(EISDIR))))
+      << err;
+  for (int n = 1; n <= last; ++n) EXPECT_EQ(1u, countOf(err, recordText(n) + "\n")) << n;
   struct stat st;
-  ASSERT_EQ(0, ::stat(tmp.file("zel.log.1").c_str(), &st));
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
   ASSERT_EQ(0, ::stat(liveFile().c_str(), &st));
-  EXPECT_TRUE(S_ISREG(st.st_mode));
-  const std::string text = allLogText(tmp.path());
-  int firstKept = 1;
-  while (firstKept <= last && !holdsRecord(text, firstKept)) ++firstKept;
-  EXPECT_GT(firstKept, 2) << "records written into the unlinked file cannot be in the directory";
-  EXPECT_LT(firstKept, last) << "no record found after the rotation";
-  for (int n = firstKept; n <= last; ++n) EXPECT_TRUE(holdsRecord(text, n)) << n;
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
   survived();
 }
 
@@ -370,72 +366,174 @@ struct Note : Zel::PipeMessage {
   Note() : Zel::PipeMessage(static_cast<Zel::MessageTypeT>(7)) {}
 };
 
+// The lines of `text` that are not whole records of this file: whatever is
+// not " IN faulty <record text>" behind a time stamp.
+std::vector<std::string> malformedLines(const std::string& text) {
+  static const std::regex record(std::string("^") + ZelTest::kStampPattern +
+                                 " ((IN|CR) faulty                    fault record \\d+|ER LoggingWrapper  .*)$");
+  std::vector<std::string> bad;
+  for (const std::string& line : ZelTest::splitLines(text))
+    if (!std::regex_match(line, record)) bad.push_back(line);
+  return bad;
+}
+
+// True when a time stamp starts anywhere but at the beginning of `line`: a
+// record glued to the rest of another.
+bool holdsSecondStamp(const std::string& line) {
+  static const std::regex stamp(ZelTest::kStampPattern);
+  return line.size() > 1 && std::regex_search(line.substr(1), stamp);
+}
+
+void setFileSizeLimit(rlim_t limit) {
+  struct rlimit rl;
+  CHILD_EXPECT(::getrlimit(RLIMIT_FSIZE, &rl) == 0);
+  rl.rlim_cur = limit;  // the hard limit stays, so the limit can be raised again
+  CHILD_EXPECT(::setrlimit(RLIMIT_FSIZE, &rl) == 0);
+}
+
 // Runs in a forked child: the file size limit stays with the process.
 void writeLimitChild(const std::string& dir) {
   std::signal(SIGXFSZ, SIG_IGN);
   LoggingWrapper* w = ZelTest::makeWrapper(dir, {{"ZEL_LOGGING_FMAXSIZE", "1000"}});
-  // A file may not grow past 1500 bytes: the first flush of the stdio buffer
-  // stops there, in the middle of a record.
+  // A file may not grow past 1500 bytes: the first write of the record
+  // buffer stops there, in the middle of a record.
   const rlim_t limit = 1500;
-  struct rlimit rl;
-  rl.rlim_cur = limit;
-  rl.rlim_max = limit;
-  CHILD_EXPECT(::setrlimit(RLIMIT_FSIZE, &rl) == 0);
+  setFileSizeLimit(limit);
   StderrCapture cap;
   int n = 1;
   while (!fileExists(dir + "/zel.log.1") && n < 1000) writeRecord(w, n++);
-  const int rotatedAt = n - 1;
-  writeRecord(w, n++);
+  // Room again (the new file has the same limit), then the rest is written.
+  setFileSizeLimit(RLIM_INFINITY);
+  const int last = n;
+  writeRecord(w, last);
   ZelTest::closeWrapperFile(w);
   const std::string err = cap.release();
-  // The stream could not hand over what it held: reported at the record
-  // whose write hit the limit, which goes to standard error, and again when
-  // the dropped stream is closed.
+  // Said once, when writing started to fail; no record went to stderr.
   const std::string writeFailure = "Failed to write log file. Errno: " + errnoText(EFBIG) + "\n";
-  CHILD_EXPECT_EQ(size_t(0), err.find(writeFailure));
-  CHILD_EXPECT(err.find("\nFailed to close log file. Errno: " + errnoText(EFBIG) + "\n") != std::string::npos);
-  CHILD_EXPECT_EQ(size_t(1), countOf(err, writeFailure));
+  CHILD_EXPECT_EQ(writeFailure, err);
   const std::string rotated = readFile(dir + "/zel.log.1");
   CHILD_EXPECT_EQ(static_cast<size_t>(limit), rotated.size());
-  CHILD_EXPECT(rotated.back() != '\n');  // cut in the middle of a record
-  // The records from the rotation on are whole, in the new file.
+  CHILD_EXPECT(rotated.back() != '\n');  // cut in the middle of a record by the limit
+  // Every record is whole in one of the files, the cut one included, and
+  // the new file holds nothing but whole records.
   const std::string live = readFile(dir + "/zel.log");
-  CHILD_EXPECT(holdsRecord(live, rotatedAt));
-  CHILD_EXPECT(holdsRecord(live, rotatedAt + 1));
+  CHILD_EXPECT(malformedLines(live).empty());
+  for (int k = 1; k <= last; ++k) CHILD_EXPECT(holdsRecord(rotated + live, k));
+  CHILD_EXPECT_EQ(size_t(1), malformedLines(rotated).size());
   _exit(0);
 }
 
-TEST_F(LoggingFaultTest, WriteLimitHitMidRecordIsReportedAndLoggingGoesOnInTheNextFile) {
+TEST_F(LoggingFaultTest, WriteLimitHitMidRecordIsSaidOnceAndEveryRecordIsWholeInTheNextFile) {
   EXPECT_EXIT(writeLimitChild(tmp.path()), ::testing::ExitedWithCode(0), "");
   survived();
 }
 
 // A file size limit below the rotation limit: the file can never grow far
-// enough to be rotated away.
+// enough to be rotated away. The records that do not fit in the buffer
+// are counted, and the count is written once the file takes records again.
 void writeLimitBelowRotationChild(const std::string& dir) {
   std::signal(SIGXFSZ, SIG_IGN);
   LoggingWrapper* w = ZelTest::makeWrapper(dir, {{"ZEL_LOGGING_FMAXSIZE", "100000"}});
-  struct rlimit rl;
-  rl.rlim_cur = 1500;
-  rl.rlim_max = 1500;
-  CHILD_EXPECT(::setrlimit(RLIMIT_FSIZE, &rl) == 0);
+  setFileSizeLimit(1500);
   StderrCapture cap;
   const int last = 300;
   for (int n = 1; n <= last; ++n) writeRecord(w, n);
   ZelTest::closeWrapperFile(w);
   const std::string err = cap.release();
-  // Each time the stream fails it is reported with the record at hand, and
-  // the next record opens the file again: the failure is never silent.
-  const std::string writeFailure = "Failed to write log file. Errno: " + errnoText(EFBIG) + "\n";
-  const size_t failures = countOf(err, writeFailure);
-  CHILD_EXPECT(failures >= 3);
-  CHILD_EXPECT_EQ(failures, countOf(err, " IN faulty "));
+  // One message however many writes failed.
+  CHILD_EXPECT_EQ("Failed to write log file. Errno: " + errnoText(EFBIG) + "\n", err);
   CHILD_EXPECT_EQ(size_t(1500), readFile(dir + "/zel.log").size());
+
+  // Space again: the next write ends the cut line, writes what was kept,
+  // then one record with the number dropped.
+  setFileSizeLimit(RLIM_INFINITY);
+  StderrCapture quiet;
+  writeRecord(w, last + 1);
+  ZelTest::closeWrapperFile(w);
+  CHILD_EXPECT_EQ(std::string(), quiet.release());
+  const std::string text = readFile(dir + "/zel.log");
+  const std::vector<std::string> bad = malformedLines(text);
+  CHILD_EXPECT_EQ(size_t(1), bad.size());  // the line the limit cut, ended by a newline
+  CHILD_EXPECT(text.find(bad[0] + "\n") < 1500);
+  const std::regex notice(" ER LoggingWrapper" + std::string(12, ' ') +
+                          "(\\d+) log records were dropped while the log file could not be written\n");
+  std::smatch match;
+  CHILD_EXPECT(std::regex_search(text, match, notice));
+  const int dropped = std::stoi(match[1]);
+  int kept = 0;
+  for (int n = 1; n <= last; ++n) kept += holdsRecord(text, n) ? 1 : 0;
+  CHILD_EXPECT(dropped > 0);
+  CHILD_EXPECT_EQ(last, kept + dropped);  // every record is either in the file or counted
+  // Those kept are the oldest; the notice follows them, then the new record.
+  for (int n = 1; n <= kept; ++n) CHILD_EXPECT(holdsRecord(text, n));
+  CHILD_EXPECT(text.find(recordText(kept) + "\n") < static_cast<size_t>(match.position(0)));
+  CHILD_EXPECT(holdsRecord(text.substr(static_cast<size_t>(match.position(0))), last + 1));
   _exit(0);
 }
 
-TEST_F(LoggingFaultTest, WriteLimitBelowTheRotationLimitIsReportedEachTimeNotSwallowed) {
+TEST_F(LoggingFaultTest, WriteLimitBelowTheRotationLimitIsSaidOnceAndTheDroppedRecordsAreCountedInTheFile) {
   EXPECT_EXIT(writeLimitBelowRotationChild(tmp.path()), ::testing::ExitedWithCode(0), "");
+  survived();
+}
+
+// A 256 KiB tmpfs as the log directory, mounted in a mount namespace of the
+// child's own (root only): the disk fills up for real.
+void fullTmpfsChild(const std::string& mountPoint) {
+  CHILD_EXPECT(::unshare(CLONE_NEWNS) == 0);
+  CHILD_EXPECT(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
+  CHILD_EXPECT(::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=256k") == 0);
+  const std::string filler = mountPoint + "/filler";
+  // Half the disk: freeing it makes room for the 64 KiB buffer and more.
+  ZelTest::writeFile(filler, std::string(128 * 1024, 'f'));
+  LoggingWrapper* w = ZelTest::makeWrapper(mountPoint, {{"ZEL_LOGGING_FMAXSIZE", "10000000"}});
+  StderrCapture cap;
+  const int last = 5000;  // about 370 KiB of records: the disk fills on the way
+  for (int n = 1; n <= last; ++n) writeRecord(w, n);
+  w->flush();
+  const std::string err = cap.release();
+  CHILD_EXPECT_EQ("Failed to write log file. Errno: " + errnoText(ENOSPC) + "\n", err);
+
+  // Space again: the kept records, then the count of the dropped ones.
+  CHILD_EXPECT(::unlink(filler.c_str()) == 0);
+  StderrCapture quiet;
+  writeRecord(w, last + 1);
+  w->flush();
+  CHILD_EXPECT_EQ(std::string(), quiet.release());
+  std::string text = readFile(mountPoint + "/zel.log");
+  // Lines the full disk cut (each write that only partly fitted leaves one),
+  // each ended by a newline: none holds the start of another record.
+  for (const std::string& cut : malformedLines(text)) CHILD_EXPECT(!holdsSecondStamp(cut));
+  const std::regex notice(" ER LoggingWrapper" + std::string(12, ' ') +
+                          "(\\d+) log records were dropped while the log file could not be written\n");
+  std::smatch match;
+  CHILD_EXPECT(std::regex_search(text, match, notice));
+  int kept = 0;
+  for (int n = 1; n <= last; ++n) kept += holdsRecord(text, n) ? 1 : 0;
+  CHILD_EXPECT_EQ(last, kept + std::stoi(match[1]));
+  CHILD_EXPECT(holdsRecord(text.substr(static_cast<size_t>(match.position(0))), last + 1));
+
+  // Full again; then the live file is deleted: the next write lets go of
+  // it, its space is free at once and the records go to a new file.
+  StderrCapture again;
+  for (int n = last + 2; n <= 2 * last; ++n) writeRecord(w, n);
+  w->flush();
+  CHILD_EXPECT_EQ("Failed to write log file. Errno: " + errnoText(ENOSPC) + "\n", again.release());
+  CHILD_EXPECT(::unlink((mountPoint + "/zel.log").c_str()) == 0);
+  StderrCapture freed;
+  w->log_printf("faulty", 2, 1, "%s", recordText(2 * last + 1).c_str());
+  CHILD_EXPECT_EQ(std::string(), freed.release());
+  text = readFile(mountPoint + "/zel.log");
+  CHILD_EXPECT(text.find(" CR faulty                    " + recordText(2 * last + 1) + "\n") != std::string::npos);
+  for (const std::string& cut : malformedLines(text)) CHILD_EXPECT(!holdsSecondStamp(cut));
+  ZelTest::closeWrapperFile(w);
+  _exit(0);
+}
+
+TEST_F(LoggingFaultTest, FullDiskIsSaidOnceTheDroppedRecordsAreCountedAndADeletedFileIsLetGoOf) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  const std::string mountPoint = tmp.file("small");
+  ASSERT_EQ(0, ::mkdir(mountPoint.c_str(), 0700));
+  EXPECT_EXIT(fullTmpfsChild(mountPoint), ::testing::ExitedWithCode(0), "");
   survived();
 }
 

@@ -24,6 +24,15 @@
 // the same thread. The filters and the level setters take no lock; they use
 // relaxed atomic accesses, so a filter may see a setter's value late.
 //
+// The local file may be shared by every process of the framework: records
+// are buffered and written in whole records on an append-mode descriptor;
+// rotation is serialised across processes by a lock on the log directory and
+// a writer follows a live file that another process rotated (or a tool
+// renamed or deleted) before it writes. Records at levels 0 to 2 are written
+// before log_printf returns, the others once the buffer is full or its oldest
+// record is a second old, and at flush(), close() and exit().
+// ZEL_LOGGING_CRASH_FLUSH=1 also writes them on a fatal signal.
+//
 // Problems of the logging machinery itself go to standard error, never to the
 // caller.
 #ifndef ZEL_LOGGING_WRAPPER_H
@@ -42,7 +51,15 @@
 #include <zel/ZelThreadAnnotations.h>
 #include <zel/ZelThreadLock.h>
 
+struct timeval;
+
 namespace Zel {
+
+namespace internal {
+class LogFile;
+// Writes the buffered records of every wrapper; run by exit().
+void flushLogFilesAtExit();
+}  // namespace internal
 
 // Names of the environment variables and the default file name, read by the
 // constructor. Writable so that a host program can change them before the
@@ -197,6 +214,12 @@ class ZEL_API LoggingWrapper {
   void vlog_printf(const char* functionName, unsigned level, unsigned facility, const char* format, va_list args)
       __attribute__((format(printf, 5, 0)));
 
+  // Writes every buffered record of the local file now (under _lock). Records
+  // are buffered and written in whole records: at once for levels 0 to 2,
+  // otherwise when the buffer is full or its oldest record is a second old,
+  // and at flush(), close() and the end of the process.
+  void flush();
+
   // Opens the log file (get_fname()) for appending; on failure
   // perror("Failed to open log file!").
   void open_log_file() ZEL_REQUIRES(_lock);
@@ -244,15 +267,17 @@ class ZEL_API LoggingWrapper {
                      const char* format, va_list args) __attribute__((format(printf, 7, 0)));
 
  private:
+  friend void internal::flushLogFilesAtExit();
+  // flush() for the exit handler, which already holds _lock.
+  void flushForExit() ZEL_REQUIRES(_lock);
+
   static unsigned load(const uint32_t& value) { return __atomic_load_n(&value, __ATOMIC_RELAXED); }
   static void store(uint32_t& value, unsigned v) { __atomic_store_n(&value, v, __ATOMIC_RELAXED); }
 
   bool isClosed() const { return __atomic_load_n(&_closed, __ATOMIC_RELAXED); }
-  // Composes the file line "<stamp> <tag> ..." into record; under _lock.
-  void composeFileRecord(char* record, size_t size, unsigned level, const char* functionName, const char* message)
-      ZEL_REQUIRES(_lock);
-  // Writes "record\n" to the open file, or to stderr when none is open; under _lock.
-  void writeRecordLine(const char* record) ZEL_REQUIRES(_lock);
+  // Hands a composed file line to the local file (its buffer and flush
+  // policy), or to standard error when no file is open; under _lock.
+  void writeFileLine(const char* line, size_t length, bool urgent, const struct timeval& now) ZEL_REQUIRES(_lock);
 
   ZelMgmtSpiInterface_1* _logSpi;     // written under _lock; read lock-free by the filter
   ZelMwSpiTrace_1* _traceSpi;         // guarded by _lock
@@ -268,7 +293,10 @@ class ZEL_API LoggingWrapper {
   std::string _baseName;              // set by the constructor
   int32_t _firstIndex;
   int32_t _lastIndex;
-  FILE* _file ZEL_GUARDED_BY(_lock);
+  // The local file: descriptor (open or not), record buffer, time-stamp
+  // cache, rotation coordination and flush policy. Made by the constructor,
+  // owned by the wrapper.
+  internal::LogFile* _file ZEL_PT_GUARDED_BY(_lock);
   bool _applLogLevelCheckRequired;    // set by the constructor
   bool _traceEnabled;                 // written under _lock; read lock-free by the filter
   bool _closed;                       // written under _lock; read lock-free

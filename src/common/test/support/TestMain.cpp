@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
   setenv("TMPDIR", root.c_str(), 1);
   // Settings of the caller's shell must not leak into the tests.
   for (const char* name : {"ZEL_LOGGING_FNAME", "ZEL_LOGGING_LEVEL", "ZEL_LOGGING_FMAXSIZE",
-                           "ZEL_LOGGING_FMAXCOUNT", "TAV_ENV"})
+                           "ZEL_LOGGING_FMAXCOUNT", "TAV_ENV", "ZEL_LOGGING_CRASH_FLUSH"})
     unsetenv(name);
   const pid_t self = getpid();
   const int result = RUN_ALL_TESTS();

@@ -7,7 +7,7 @@ namespace ZelTest {
 
 namespace {
 const char* const kVariables[] = {"ZEL_LOGGING_FNAME", "ZEL_LOGGING_LEVEL", "ZEL_LOGGING_FMAXSIZE",
-                                  "ZEL_LOGGING_FMAXCOUNT", "TAV_ENV"};
+                                  "ZEL_LOGGING_FMAXCOUNT", "TAV_ENV", "ZEL_LOGGING_CRASH_FLUSH"};
 
 std::vector<Zel::LoggingWrapper*>& registry() {
   static std::vector<Zel::LoggingWrapper*>* wrappers = new std::vector<Zel::LoggingWrapper*>();
