@@ -102,6 +102,18 @@ Losses countLosses(const std::vector<int>& sequence, int first) {
   return losses;
 }
 
+// Every record of every writer is in the files once, whole and in its
+// writer's order.
+void expectEveryRecordOnceAndWhole(const Census& census) {
+  EXPECT_EQ(0u, census.torn.size()) << (census.torn.empty() ? "" : census.torn.front());
+  for (size_t p = 0; p < census.sequences.size(); ++p) {
+    const Losses losses = countLosses(census.sequences[p], 0);
+    EXPECT_EQ(0, losses.lost) << "process " << p;
+    EXPECT_EQ(0, losses.duplicated) << "process " << p;
+    EXPECT_EQ(0, losses.outOfOrder) << "process " << p;
+  }
+}
+
 class LoggingMultiProcessTest : public ZelTest::TempDirTest {
  protected:
   // Runs one writer process per limit and returns what the files hold.
@@ -141,25 +153,13 @@ class LoggingMultiProcessTest : public ZelTest::TempDirTest {
 TEST_F(LoggingMultiProcessTest, FourProcessesRotatingAt64KiBLoseTearAndDuplicateNothing) {
   const Census census = run({65536, 65536, 65536, 65536}, 100000);
   EXPECT_GT(census.files, 50u);  // many rotations happened
-  EXPECT_EQ(0u, census.torn.size()) << (census.torn.empty() ? "" : census.torn.front());
-  for (int p = 0; p < 4; ++p) {
-    const Losses losses = countLosses(census.sequences[static_cast<size_t>(p)], 0);
-    EXPECT_EQ(0, losses.lost) << "process " << p;
-    EXPECT_EQ(0, losses.duplicated) << "process " << p;
-    EXPECT_EQ(0, losses.outOfOrder) << "process " << p;
-  }
+  expectEveryRecordOnceAndWhole(census);
 }
 
 TEST_F(LoggingMultiProcessTest, FourProcessesWithDifferentLimitsLoseTearAndDuplicateNothing) {
   const Census census = run({32768, 65536, 131072, 262144}, 100000);
   EXPECT_GT(census.files, 20u);
-  EXPECT_EQ(0u, census.torn.size()) << (census.torn.empty() ? "" : census.torn.front());
-  for (int p = 0; p < 4; ++p) {
-    const Losses losses = countLosses(census.sequences[static_cast<size_t>(p)], 0);
-    EXPECT_EQ(0, losses.lost) << "process " << p;
-    EXPECT_EQ(0, losses.duplicated) << "process " << p;
-    EXPECT_EQ(0, losses.outOfOrder) << "process " << p;
-  }
+  expectEveryRecordOnceAndWhole(census);
 }
 
 TEST_F(LoggingMultiProcessTest, PruningByFourProcessesDeletesOnlyWholeOldestFiles) {
@@ -186,25 +186,13 @@ TEST_F(LoggingMultiProcessTest, PruningByFourProcessesDeletesOnlyWholeOldestFile
 TEST_F(LoggingMultiProcessTest, FourProcessesAtTheDefaultLimitLoseTearAndDuplicateNothing) {
   const Census census = run({5242880, 5242880, 5242880, 5242880}, 100);
   EXPECT_GT(census.files, 1u);
-  EXPECT_EQ(0u, census.torn.size()) << (census.torn.empty() ? "" : census.torn.front());
-  for (int p = 0; p < 4; ++p) {
-    const Losses losses = countLosses(census.sequences[static_cast<size_t>(p)], 0);
-    EXPECT_EQ(0, losses.lost) << "process " << p;
-    EXPECT_EQ(0, losses.duplicated) << "process " << p;
-    EXPECT_EQ(0, losses.outOfOrder) << "process " << p;
-  }
+  expectEveryRecordOnceAndWhole(census);
 }
 
 TEST_F(LoggingMultiProcessTest, WithoutRotationFourProcessesTearNoRecord) {
   const Census census = run({1u << 30, 1u << 30, 1u << 30, 1u << 30}, 5);
   EXPECT_EQ(1u, census.files);
-  EXPECT_EQ(0u, census.torn.size()) << (census.torn.empty() ? "" : census.torn.front());
-  for (int p = 0; p < 4; ++p) {
-    const Losses losses = countLosses(census.sequences[static_cast<size_t>(p)], 0);
-    EXPECT_EQ(0, losses.lost) << "process " << p;
-    EXPECT_EQ(0, losses.duplicated) << "process " << p;
-    EXPECT_EQ(0, losses.outOfOrder) << "process " << p;
-  }
+  expectEveryRecordOnceAndWhole(census);
 }
 
 }  // namespace
