@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -217,16 +218,31 @@ class RecordWriter {
   }
 
  private:
+  // Opens the log file as the wrapper does: without blocking (a FIFO planted
+  // as the log file must not hang the tool) and only if it is a regular
+  // file. Nothing is created here: a missing file is made by the wrapper's
+  // first record, so only its directory is checked.
   bool checkLogFile() {
     const std::string& path = _log->get_fname();
-    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0) {
-      inputError(COMMAND, "cannot write the log file " + quoted(path) + ": " + std::strerror(errno));
-      return false;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0 && errno == ENOENT) {
+      const size_t slash = path.rfind('/');
+      const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+      if (::access(dir.c_str(), W_OK | X_OK) == 0) return _fileChecked = true;
+      return cannotWrite(path, std::strerror(errno));
     }
+    // A FIFO without a reader refuses a non-blocking open with ENXIO.
+    if (fd < 0) return cannotWrite(path, errno == ENXIO ? "not a regular file" : std::strerror(errno));
+    struct stat st;
+    const bool regular = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
     ::close(fd);
-    _fileChecked = true;
-    return true;
+    if (!regular) return cannotWrite(path, "not a regular file");
+    return _fileChecked = true;
+  }
+
+  static bool cannotWrite(const std::string& path, const std::string& why) {
+    inputError(COMMAND, "cannot write the log file " + quoted(path) + ": " + why);
+    return false;
   }
 
   Zel::LoggingWrapper* _log;
@@ -280,7 +296,12 @@ bool readLine(std::istream& input, std::string& line) {
 
 }  // namespace
 
-int runLog(const Args& args) { return runLogFrom(args, std::cin, true); }
+int runLog(const Args& args) {
+  // Under a file-size limit (ulimit -f) a write past it would kill the tool
+  // with SIGXFSZ; ignored, the write fails instead and the tool says so.
+  std::signal(SIGXFSZ, SIG_IGN);
+  return runLogFrom(args, std::cin, true);
+}
 
 int runLogFrom(const Args& args, std::istream& input, bool closeWhenDone) {
   LogOptions options;
@@ -304,7 +325,13 @@ int runLogFrom(const Args& args, std::istream& input, bool closeWhenDone) {
     unsigned number = 0;
     while (written && readLine(input, line)) written = writer.write(line, ++number);
   }
-  // Closing flushes the file: records are not flushed one by one.
+  // Records are buffered: flush() writes them and tells whether every one
+  // reached the file (a full disk, a file-size limit, or a log file the
+  // wrapper refused to open send them elsewhere).
+  if (written && !log->flush()) {
+    inputError(COMMAND, "records could not be written to the log file " + quoted(log->get_fname()));
+    written = false;
+  }
   if (closeWhenDone) log->close();
   return written ? ExitOk : ExitError;
 }

@@ -296,6 +296,32 @@ test_log() {
   ZEL_LOGGING_FNAME="$dir/app.log" ZEL_LOGGING_LEVEL=8 expect "directory as log file, debug record" 2 "" \
     "~Is a directory" -- log -l debug x
   ZEL_LOGGING_FNAME="$dir/app.log" expect "directory as log file, record dropped by level" 0 "" "" -- log -l debug x
+  # A FIFO planted as the log file: refused at once, never waited on.
+  fresh_log_dir
+  mkfifo "$dir/zel.log"
+  TMPDIR="$dir" expect "FIFO as log file" 2 "" "~cannot write the log file '$dir/zel.log': not a regular file" -- log x
+  # A file-size limit the records cannot fit in: status 2 once the wrapper
+  # reports them unwritten, and the file holds no partial record.
+  fresh_log_dir
+  STDIN=$(for i in $(seq 1 100); do printf 'record number %03d of a run that does not fit\n' "$i"; done)
+  (ulimit -f 2 && TMPDIR="$dir" expect "file-size limit" 2 "" \
+    "~zel log: records could not be written to the log file '$dir/zel.log'" -- log)
+  STDIN=""
+  # Every line but a last one the limit cut is a whole record.
+  check "file-size limit: whole records only" bash -c \
+    "[ \$(stat -c %s '$dir/zel.log') -le 2048 ] && awk 'NR > 1 { print prev } { prev = \$0 }' '$dir/zel.log' | grep -q . && ! awk 'NR > 1 { print prev } { prev = \$0 }' '$dir/zel.log' | grep -v -q -E '^[0-9]{4}-.* IN zel +record number [0-9]{3} of a run that does not fit\$'"
+  # In a sticky directory everybody may write to, a symlink another user
+  # planted as the log file is not followed: status 2, and its target stays
+  # untouched.
+  if [ "$(id -u)" -eq 0 ] && command -v setpriv >/dev/null; then
+    fresh_log_dir
+    chmod 711 "$WORK" && chmod 1777 "$dir"
+    : >"$WORK/target"
+    setpriv --reuid=65534 --regid=65534 --clear-groups ln -s "$WORK/target" "$dir/zel.log"
+    TMPDIR="$dir" expect "another user's symlink in a shared directory" 2 "" \
+      "~records could not be written to the log file '$dir/zel.log'" -- log x
+    check "another user's symlink: target untouched" test ! -s "$WORK/target"
+  fi
   if [ "$(id -u)" -ne 0 ]; then
     mkdir "$WORK/read-only" && chmod 555 "$WORK/read-only"
     TMPDIR="$WORK/read-only" expect "read-only log directory" 2 "" "~is not writable" -- log x

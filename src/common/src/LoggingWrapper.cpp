@@ -284,9 +284,10 @@ void LoggingWrapper::set_log_spi(ZelMgmtSpiInterface_1* logSpi) {
   __atomic_store_n(&_logSpi, logSpi, __ATOMIC_RELAXED);
 }
 
-void LoggingWrapper::flush() {
+bool LoggingWrapper::flush() {
   internal::ThreadLockGuard guard(_lock);
   if (_file->isOpen()) (void)_file->flush();
+  return _file->takeAllWritten();
 }
 
 void LoggingWrapper::flushForExit() {
@@ -322,8 +323,7 @@ void LoggingWrapper::writeFileLine(const char* line, size_t length, bool urgent,
   if (_file->isOpen()) {
     _file->append(line, length, urgent, now);
   } else {
-    std::fprintf(stderr, "%s\n", line);
-    std::fflush(stderr);
+    _file->writeToStderr(line, length);
   }
 }
 

@@ -438,6 +438,7 @@ void writeLimitBelowRotationChild(const std::string& dir) {
   StderrCapture cap;
   const int last = 300;
   for (int n = 1; n <= last; ++n) writeRecord(w, n);
+  CHILD_EXPECT(!w->flush());  // records dropped, the rest still buffered
   ZelTest::closeWrapperFile(w);
   const std::string err = cap.release();
   // One message however many writes failed.
@@ -449,6 +450,7 @@ void writeLimitBelowRotationChild(const std::string& dir) {
   setFileSizeLimit(RLIM_INFINITY);
   StderrCapture quiet;
   writeRecord(w, last + 1);
+  CHILD_EXPECT(w->flush());  // everything since the failed flush is in the file
   ZelTest::closeWrapperFile(w);
   CHILD_EXPECT_EQ(std::string(), quiet.release());
   const std::string text = readFile(dir + "/zel.log");
@@ -489,7 +491,7 @@ void fullTmpfsChild(const std::string& mountPoint) {
   StderrCapture cap;
   const int last = 5000;  // about 370 KiB of records: the disk fills on the way
   for (int n = 1; n <= last; ++n) writeRecord(w, n);
-  w->flush();
+  CHILD_EXPECT(!w->flush());
   const std::string err = cap.release();
   CHILD_EXPECT_EQ("Failed to write log file. Errno: " + errnoText(ENOSPC) + "\n", err);
 
@@ -497,7 +499,7 @@ void fullTmpfsChild(const std::string& mountPoint) {
   CHILD_EXPECT(::unlink(filler.c_str()) == 0);
   StderrCapture quiet;
   writeRecord(w, last + 1);
-  w->flush();
+  CHILD_EXPECT(w->flush());
   CHILD_EXPECT_EQ(std::string(), quiet.release());
   std::string text = readFile(mountPoint + "/zel.log");
   // Lines the full disk cut (each write that only partly fitted leaves one),

@@ -503,6 +503,26 @@ TEST_F(LoggingWrapperTest, UnopenableFileSendsRecordToStderrAndRetries) {
   EXPECT_EQ(" ER f                         to file", splitStamp(got[0]).second);
 }
 
+TEST_F(LoggingWrapperTest, FlushTellsWhetherEveryRecordSinceTheLastFlushReachedTheFile) {
+  LoggingWrapper* w = wrapper();
+  EXPECT_TRUE(w->flush());  // nothing logged yet
+  const std::string dir = tmp.file("later");
+  {
+    StderrCapture err;
+    w->set_fname(dir + "/x.log");
+    w->log_printf("f", 6, 1, "to stderr");
+    EXPECT_FALSE(w->flush());  // the record went to standard error
+    EXPECT_NE(std::string::npos, err.release().find(" IN f                         to stderr\n"));
+  }
+  EXPECT_TRUE(w->flush());  // nothing new since
+  ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
+  w->log_printf("f", 6, 1, "to file");
+  EXPECT_TRUE(w->flush());
+  const std::vector<std::string> got = lines(readFile(dir + "/x.log"));
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ(" IN f                         to file", splitStamp(got[0]).second);
+}
+
 TEST_F(LoggingWrapperTest, SetFnameSwitchesFileAndSameNameDoesNothing) {
   LoggingWrapper* w = wrapper();
   w->log_printf("f", 3, 1, "first");

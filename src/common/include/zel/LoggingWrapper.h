@@ -218,7 +218,13 @@ class ZEL_API LoggingWrapper {
   // are buffered and written in whole records: at once for levels 0 to 2,
   // otherwise when the buffer is full or its oldest record is a second old,
   // and at flush(), close() and the end of the process.
-  void flush();
+  //
+  // Returns true when every record sent to the local file since the
+  // previous flush() is in the file now; false when some went to standard
+  // error instead (the file could not be opened), were dropped or are still
+  // buffered (the file cannot take them: a full disk, a file-size limit).
+  // Records sent to a framework interface do not count.
+  bool flush();
 
   // Opens the log file (get_fname()) for appending; on failure
   // perror("Failed to open log file!").

@@ -161,6 +161,7 @@ LogFile::LogFile()
       _needNewline(false),
       _failing(false),
       _dropped(0),
+      _missed(0),
       _lockState(LockState::None),
       _gaveUpUntil(0),
       _saidUncoordinated(false),
@@ -290,13 +291,13 @@ void LogFile::append(const char* line, size_t length, bool urgent, const struct 
   if (!isOpen()) {
     // The live file could not be reopened: the buffer went to standard
     // error, and so does this record.
-    std::fprintf(stderr, "%.*s\n", static_cast<int>(length), line);
-    std::fflush(stderr);
+    writeToStderr(line, length);
     return;
   }
   const size_t used = _length.load(std::memory_order_relaxed);
   if (length + 1 > _capacity - used) {
     ++_dropped;  // the file takes nothing and the buffer is full
+    ++_missed;
     return;
   }
   if (used == 0) _oldest = now;
@@ -415,9 +416,23 @@ void LogFile::enterFailing(int error) {
   std::fflush(stderr);
 }
 
+void LogFile::writeToStderr(const char* line, size_t length) {
+  std::fprintf(stderr, "%.*s\n", static_cast<int>(length), line);
+  std::fflush(stderr);
+  ++_missed;
+}
+
+bool LogFile::takeAllWritten() {
+  const bool all = _missed == 0 && _length.load(std::memory_order_relaxed) == 0;
+  _missed = 0;
+  return all;
+}
+
 void LogFile::bufferToStderr() {
   const size_t length = _length.load(std::memory_order_relaxed);
   if (length > 0) std::fwrite(_buffer, 1, length, stderr);
+  for (size_t i = 0; i < length; ++i)
+    if (_buffer[i] == '\n') ++_missed;
   std::fflush(stderr);
   _length.store(0, std::memory_order_release);
   _needNewline = false;

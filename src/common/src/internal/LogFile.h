@@ -158,6 +158,14 @@ class LogFile {
   // handlers. Skips the buffer while a regular write of it is under way.
   void writeForCrash();
 
+  // Writes one line to standard error in place of the file (no file could
+  // be opened) and counts it as a record the file did not get.
+  void writeToStderr(const char* line, size_t length);
+  // True when every record given to this file since the previous call is in
+  // the file: none went to standard error, none was dropped, none is still
+  // buffered. Starts the next count.
+  bool takeAllWritten();
+
   // Records counted as dropped and not yet reported in the file.
   uint64_t droppedRecords() const { return _dropped; }
   bool writeFailing() const { return _failing; }
@@ -190,6 +198,7 @@ class LogFile {
   bool _needNewline;                 // the file ends inside a record of ours
   bool _failing;                     // writes are failing; said once on stderr
   uint64_t _dropped;                 // records dropped while failing
+  uint64_t _missed;                  // records sent to stderr or dropped since takeAllWritten()
   LockState _lockState;
   long _gaveUpUntil;                 // monotonic microseconds; no waiting before then
   bool _saidUncoordinated;
