@@ -177,6 +177,7 @@ void LoggingWrapper::check_and_rotate_log_file() {
   // made again once the lock is held: another process may have rotated the
   // file in the meantime, and then the live file is reopened instead.
   internal::LogFile::RotationLock rotation(*_file);
+  if (!rotation.mayRotate()) return;  // put off to a later record
   if (_file->replacedAtPath()) {
     const int error = _file->reopen();  // the buffer stays and goes to the live file
     if (error != 0) {

@@ -211,19 +211,56 @@ long millisecondsSince(const struct timespec& start) {
   return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
 }
 
+// Another process holding the log directory's lock exclusively from its
+// construction until release() (or its destruction).
+class DirectoryLockHolder {
+ public:
+  explicit DirectoryLockHolder(const std::string& dir) {
+    int ready[2];
+    EXPECT_EQ(0, ::pipe(ready));
+    EXPECT_EQ(0, ::pipe(_release));
+    _pid = ZelTest::startProcess([&] {
+      // Only the test keeps the write end: if it dies, read() sees the end.
+      ::close(_release[1]);
+      ::close(ready[0]);
+      const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+      if (fd < 0 || ::flock(fd, LOCK_EX) != 0) _exit(1);
+      const char byte = 'l';
+      (void)::write(ready[1], &byte, 1);
+      char done;
+      (void)::read(_release[0], &done, 1);  // until released or the test is gone
+      _exit(0);
+    });
+    char byte = 0;
+    EXPECT_EQ(1, ::read(ready[0], &byte, 1));
+    ::close(ready[0]);
+    ::close(ready[1]);
+  }
+  ~DirectoryLockHolder() { release(); }
+  void release() {
+    if (_pid <= 0) return;
+    const char byte = 'r';
+    EXPECT_EQ(1, ::write(_release[1], &byte, 1));
+    EXPECT_EQ(0, ZelTest::waitStatus(_pid));
+    ::close(_release[0]);
+    ::close(_release[1]);
+    _pid = 0;
+  }
+
+ private:
+  pid_t _pid = 0;
+  int _release[2] = {-1, -1};
+};
+
+std::string allFiles(const std::string& dir) {
+  std::string text;
+  for (const std::string& name : ZelTest::listDir(dir)) text += readFile(dir + "/" + name);
+  return text;
+}
+
 TEST_F(LoggingHostileDirTest, DirectoryLockHeldForGoodByAnotherProcessDelaysRecordsOnceAndIsSaidOnce) {
   const std::string dir = tmp.path();
-  int ready[2];
-  ASSERT_EQ(0, ::pipe(ready));
-  const pid_t holder = ZelTest::startProcess([&] {
-    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-    if (fd < 0 || ::flock(fd, LOCK_EX) != 0) _exit(1);
-    const char byte = 'l';
-    (void)::write(ready[1], &byte, 1);
-    for (;;) pause();
-  });
-  char byte;
-  ASSERT_EQ(1, ::read(ready[0], &byte, 1));
+  DirectoryLockHolder holder(dir);
 
   LoggingWrapper* w = ZelTest::makeWrapper(dir, {{"ZEL_LOGGING_FMAXSIZE", "2000"}});
   StderrCapture cap;
@@ -235,10 +272,7 @@ TEST_F(LoggingHostileDirTest, DirectoryLockHeldForGoodByAnotherProcessDelaysReco
   const long elapsed = millisecondsSince(start);
   ZelTest::closeWrapperFile(w);
   const std::string err = cap.release();
-  ::kill(holder, SIGKILL);
-  (void)ZelTest::waitStatus(holder);
-  ::close(ready[0]);
-  ::close(ready[1]);
+  holder.release();
 
   // One bounded wait, not one per write: well under what sixty waits of
   // 100 ms would take.
@@ -246,10 +280,51 @@ TEST_F(LoggingHostileDirTest, DirectoryLockHeldForGoodByAnotherProcessDelaysReco
   EXPECT_EQ("Logging directory " + dir +
                 " stays locked by another process: the log file is written without coordination\n",
             err);
-  std::string text;
-  for (const std::string& name : ZelTest::listDir(dir)) text += readFile(dir + "/" + name);
+  const std::string text = allFiles(dir);
   for (int n = 1; n <= last; ++n)
     EXPECT_NE(std::string::npos, text.find(" CR hostile                   " + recordText(n) + "\n")) << n;
+}
+
+// A lock that another process holds for a while (a writer descheduled in
+// the middle of its rotation) puts the rotation off instead of letting two
+// processes rotate at once; it happens at the first record after the lock
+// is free.
+TEST_F(LoggingHostileDirTest, RotationWaitsForABusyLockInsteadOfGoingOnWithoutIt) {
+  const std::string dir = tmp.path();
+  DirectoryLockHolder holder(dir);
+  LoggingWrapper* w = ZelTest::makeWrapper(dir, {{"ZEL_LOGGING_FMAXSIZE", "2000"}});
+  StderrCapture cap;
+  const int last = 60;  // about 4 KiB of critical records, each written at once
+  for (int n = 1; n < last; ++n) w->log_printf("hostile", 2, 1, "%s", recordText(n).c_str());
+  EXPECT_EQ(std::vector<std::string>{"zel.log"}, ZelTest::listDir(dir));  // put off, file past its limit
+  EXPECT_GT(readFile(dir + "/zel.log").size(), 2000u);
+  holder.release();
+  w->log_printf("hostile", 2, 1, "%s", recordText(last).c_str());
+  ZelTest::closeWrapperFile(w);
+  (void)cap.release();
+  EXPECT_TRUE(ZelTest::fileExists(dir + "/zel.log.1"));
+  const std::string text = allFiles(dir);
+  for (int n = 1; n <= last; ++n) EXPECT_EQ(1u, countOf(text, recordText(n) + "\n")) << n;
+}
+
+// A lock held for good only delays the rotation: once it has been out of
+// reach for ten seconds, the rotation goes on without it.
+TEST_F(LoggingHostileDirTest, RotationGoesOnWithoutALockHeldForGoodAfterTenSeconds) {
+  const std::string dir = tmp.path();
+  DirectoryLockHolder holder(dir);
+  LoggingWrapper* w = ZelTest::makeWrapper(dir, {{"ZEL_LOGGING_FMAXSIZE", "2000"}});
+  StderrCapture cap;
+  const int last = 60;
+  for (int n = 1; n < last; ++n) w->log_printf("hostile", 2, 1, "%s", recordText(n).c_str());
+  EXPECT_FALSE(ZelTest::fileExists(dir + "/zel.log.1"));
+  ::sleep(11);
+  w->log_printf("hostile", 2, 1, "%s", recordText(last).c_str());
+  EXPECT_TRUE(ZelTest::fileExists(dir + "/zel.log.1"));
+  ZelTest::closeWrapperFile(w);
+  (void)cap.release();
+  holder.release();
+  const std::string text = allFiles(dir);
+  for (int n = 1; n <= last; ++n) EXPECT_EQ(1u, countOf(text, recordText(n) + "\n")) << n;
 }
 
 }  // namespace

@@ -164,6 +164,7 @@ LogFile::LogFile()
       _missed(0),
       _lockState(LockState::None),
       _gaveUpUntil(0),
+      _exclusiveBusySince(0),
       _saidUncoordinated(false),
       _forkGeneration(0),
       _bufferGeneration(gForkGeneration.load(std::memory_order_relaxed)),
@@ -313,7 +314,9 @@ bool LogFile::flush() {
   dropInheritedRecords();
   if (_length.load(std::memory_order_relaxed) == 0 && _dropped == 0 && !_needNewline) return true;
   if (!isOpen()) return false;
-  const bool locked = _lockState == LockState::None && lockDirectory(LOCK_SH);
+  // A write that cannot have the lock goes on without it: the identity
+  // check below still keeps it out of files renamed away or deleted.
+  const bool locked = _lockState == LockState::None && lockDirectory(LOCK_SH) == LockResult::Locked;
   // Still the live file? Another process may have rotated it away, a tool
   // renamed or deleted it. Then the live path is opened again, which also
   // lets go of a deleted file's space.
@@ -482,7 +485,7 @@ bool LogFile::mayReuse(const std::string& path) const {
   return st.st_mtim.tv_nsec <= _createdAt.tv_nsec;
 }
 
-bool LogFile::lockDirectory(int operation) {
+LogFile::LockResult LogFile::lockDirectory(int operation) {
   const unsigned generation = gForkGeneration.load(std::memory_order_relaxed);
   if (_dirFd >= 0 && generation != _forkGeneration) {
     ::close(_dirFd);  // the parent's description: its lock is not ours
@@ -490,7 +493,7 @@ bool LogFile::lockDirectory(int operation) {
   }
   if (_dirFd < 0) {
     _dirFd = ::open(_lockDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (_dirFd < 0) return false;
+    if (_dirFd < 0) return LockResult::Unavailable;
     _forkGeneration = generation;
   }
   long pause = 20;
@@ -498,12 +501,14 @@ bool LogFile::lockDirectory(int operation) {
   for (;;) {
     if (::flock(_dirFd, operation | LOCK_NB) == 0) {
       _lockState = operation == LOCK_EX ? LockState::Exclusive : LockState::Shared;
-      return true;
+      if (operation == LOCK_EX) _exclusiveBusySince = 0;
+      return LockResult::Locked;
     }
     if (errno == EINTR) continue;
-    if (errno != EWOULDBLOCK) return false;
+    if (errno != EWOULDBLOCK) return LockResult::Unavailable;
     const long now = monotonicMicroseconds();
-    if (now < _gaveUpUntil) return false;  // gave up a moment ago: do not wait again yet
+    if (operation == LOCK_EX && _exclusiveBusySince == 0) _exclusiveBusySince = now;
+    if (now < _gaveUpUntil) return LockResult::Busy;  // gave up a moment ago: do not wait again yet
     if (start == 0) start = now;
     if (now - start >= kLockWaitMicroseconds) break;
     struct timespec nap = {0, pause * 1000};
@@ -521,7 +526,7 @@ bool LogFile::lockDirectory(int operation) {
                  _lockDirectory.c_str());
     std::fflush(stderr);
   }
-  return false;
+  return LockResult::Busy;
 }
 
 void LogFile::unlockDirectory() {
@@ -530,8 +535,22 @@ void LogFile::unlockDirectory() {
   _lockState = LockState::None;
 }
 
-LogFile::RotationLock::RotationLock(LogFile& file) : _file(file), _locked(false) {
-  if (_file._lockState == LockState::None) _locked = _file.lockDirectory(LOCK_EX);
+LogFile::RotationLock::RotationLock(LogFile& file) : _file(file), _locked(false), _mayRotate(true) {
+  if (_file._lockState != LockState::None) return;
+  switch (_file.lockDirectory(LOCK_EX)) {
+    case LockResult::Locked:
+      _locked = true;
+      break;
+    case LockResult::Unavailable:
+      break;  // nothing to coordinate with: rotate as a lone process does
+    case LockResult::Busy:
+      // Held by another process: most likely one that is rotating and was
+      // descheduled. Put the rotation off, unless the lock has been out of
+      // reach for so long that it is held for good.
+      _mayRotate =
+          monotonicMicroseconds() - _file._exclusiveBusySince >= kRotateUncoordinatedAfterMicroseconds;
+      break;
+  }
 }
 
 LogFile::RotationLock::~RotationLock() {

@@ -89,6 +89,12 @@ class LogFile {
   // After waiting in vain, how long a writer only tries the lock without
   // waiting for it.
   static constexpr long kGiveUpMicroseconds = 10 * 1000 * 1000;
+  // How long the lock must have stayed out of reach before a rotation goes
+  // on without it. Until then a rotation whose lock is busy is put off to a
+  // later record: the file grows a little past its limit, and no record is
+  // put at risk by two processes rotating at once because one of them was
+  // merely slow (descheduled on a loaded machine) while it held the lock.
+  static constexpr long kRotateUncoordinatedAfterMicroseconds = 10 * 1000 * 1000;
 
   LogFile();
   ~LogFile();
@@ -126,17 +132,21 @@ class LogFile {
 
   // --- rotation coordination ------------------------------------------
   // Holds the directory lock exclusively for a rotation; released by the
-  // destructor.
+  // destructor. mayRotate() is false while another process holds the lock
+  // (for less than kRotateUncoordinatedAfterMicroseconds so far): the
+  // rotation is then put off, not run uncoordinated.
   class RotationLock {
    public:
     explicit RotationLock(LogFile& file);
     ~RotationLock();
     RotationLock(const RotationLock&) = delete;
     RotationLock& operator=(const RotationLock&) = delete;
+    bool mayRotate() const { return _mayRotate; }
 
    private:
     LogFile& _file;
     bool _locked;
+    bool _mayRotate;
   };
   // True when the live path names an existing file other than the one this
   // descriptor has open: another process rotated it (or a tool replaced it).
@@ -172,9 +182,12 @@ class LogFile {
 
  private:
   enum class LockState { None, Shared, Exclusive };
-  // Takes the directory lock (LOCK_SH or LOCK_EX) with a bounded wait; false
-  // when going on without it.
-  bool lockDirectory(int operation);
+  // Locked: taken. Busy: another process holds it (past the bounded wait,
+  // or within the give-up window). Unavailable: the directory cannot be
+  // locked at all (not readable, no flock on its file system).
+  enum class LockResult { Locked, Busy, Unavailable };
+  // Takes the directory lock (LOCK_SH or LOCK_EX) with a bounded wait.
+  LockResult lockDirectory(int operation);
   void unlockDirectory();
   int openDescriptor();
   FileIdentity identityOfDescriptor() const;
@@ -201,6 +214,7 @@ class LogFile {
   uint64_t _missed;                  // records sent to stderr or dropped since takeAllWritten()
   LockState _lockState;
   long _gaveUpUntil;                 // monotonic microseconds; no waiting before then
+  long _exclusiveBusySince;          // monotonic microseconds of the first busy LOCK_EX since one was taken; 0: none
   bool _saidUncoordinated;
   unsigned _forkGeneration;          // of the process that opened _dirFd
   unsigned _bufferGeneration;        // of the process whose records are buffered
