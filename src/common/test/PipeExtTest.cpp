@@ -361,6 +361,17 @@ bool pushAllWithin(Zel::PipeExt& queue, std::vector<NumberedMessage>& messages, 
   return producer.wait_for(limit) == std::future_status::ready;
 }
 
+// Unblocks a producer stuck in a push before the test fails: reads the pipe
+// (without blocking) until the producer is done.
+void drainUntilDone(Zel::PipeExt& queue, std::future<void>& producer) {
+  fcntl(queue.readHandle(), F_SETFL, O_NONBLOCK);
+  char buffer[4096];
+  while (producer.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready)
+    while (read(queue.readHandle(), buffer, sizeof(buffer)) > 0) {
+    }
+  producer.wait();
+}
+
 std::vector<NumberedMessage> numbered(int count) {
   std::vector<NumberedMessage> messages;
   messages.reserve(count);
@@ -390,12 +401,9 @@ TEST(PipeExt, PushesBeyondTheCapacityNeitherBlockNorLoseAnyAndKeepThePipeReadabl
   std::atomic<int> pushed(0);
   std::future<void> producer;
   if (!pushAllWithin(queue, messages, std::chrono::seconds(120), pushed, producer)) {
-    // Unblock the producer before failing: read the pipe dry until it is done.
-    char buffer[4096];
-    while (producer.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready)
-      if (read(queue.readHandle(), buffer, sizeof(buffer)) <= 0) break;
-    producer.wait();
-    FAIL() << "push blocked after " << pushed.load() << " of " << count << " messages";
+    const int stuckAt = pushed.load();
+    drainUntilDone(queue, producer);
+    FAIL() << "push blocked after " << stuckAt << " of " << count << " messages";
   }
   producer.get();
 
@@ -421,10 +429,7 @@ TEST(PipeExt, DirectSignalsStopAtTheCapacityToo) {
     for (int i = 0; i < capacity + 100; ++i) queue.signal();
   });
   if (signaller.wait_for(std::chrono::seconds(120)) != std::future_status::ready) {
-    char buffer[4096];
-    while (signaller.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready)
-      if (read(queue.readHandle(), buffer, sizeof(buffer)) <= 0) break;
-    signaller.wait();
+    drainUntilDone(queue, signaller);
     FAIL() << "signal() blocked on a full pipe";
   }
   EXPECT_EQ(capacity, bytesInPipe(queue.readHandle()));
