@@ -4,8 +4,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "internal/Report.h"
 
 namespace Zel {
@@ -18,36 +16,19 @@ const char kReportFile[] = "src/common/src/PipeExt";
 const char kWakeUpByte = 's';
 // The drain reads this many bytes per read() call.
 const size_t kDrainChunk = 126;
-// Used when /proc/sys/fs/pipe-max-size cannot be read: the kernel's default.
-const long kDefaultPipeMaxSize = 1048576;
+// Assumed when the kernel cannot tell a pipe's capacity: the smallest pipe it
+// makes (one page), so the queue never writes more than any pipe holds.
+const size_t kSmallestPipeCapacity = 4096;
 
-// The largest capacity an unprivileged process may give a pipe.
-long systemPipeMaxSize() {
-  long size = kDefaultPipeMaxSize;
-  FILE* file = std::fopen("/proc/sys/fs/pipe-max-size", "re");
-  if (file == nullptr) return size;
-  long value = 0;
-  if (std::fscanf(file, "%ld", &value) == 1 && value > 0) size = value;
-  std::fclose(file);
-  return size;
-}
-
-// Raises the capacity of the pipe behind fd towards the system maximum. The
-// kernel refuses sizes beyond the user's pipe quota (EPERM) or the limit
-// (EINVAL/EPERM); each refusal halves the request, down to the current size,
-// at which point the pipe simply keeps it.
-void raisePipeCapacity(int fd) {
-  const int current = fcntl(fd, F_GETPIPE_SZ);
-  if (current < 0) return;
-  for (long wanted = systemPipeMaxSize(); wanted > current; wanted /= 2) {
-    if (wanted > 0x40000000L) continue;  // beyond what F_SETPIPE_SZ takes as int
-    if (fcntl(fd, F_SETPIPE_SZ, static_cast<int>(wanted)) >= 0) return;
-  }
+// The number of bytes the pipe behind fd holds before a write blocks.
+size_t pipeCapacity(int fd) {
+  const int capacity = fcntl(fd, F_GETPIPE_SZ);
+  return capacity > 0 ? static_cast<size_t>(capacity) : kSmallestPipeCapacity;
 }
 
 }  // namespace
 
-PipeExt::PipeExt() { raisePipeCapacity(writeHandle()); }
+PipeExt::PipeExt() : _capacity(pipeCapacity(writeHandle())), _unreadBytes(0) {}
 
 PipeExt::~PipeExt() {}
 
@@ -78,14 +59,23 @@ bool PipeExt::empty() const {
 }
 
 void PipeExt::signal() {
-  // One blocking write of one byte: it either writes the byte or fails.
+  Poco::ScopedLock<Poco::Mutex> guard(_mutex);
+  // A full pipe is readable already, so the consumer wakes without another
+  // byte; writing one would block while holding the mutex that the
+  // consumer's pop() needs, and neither side would ever go on.
+  if (_unreadBytes >= _capacity) return;
+  // One blocking write of one byte into a pipe with room: it either writes
+  // the byte at once or fails.
   if (write(writeHandle(), &kWakeUpByte, 1) != 1) {
     const int error = errno;
     internal::reportError(kReportFile, "signal", 143, "Failed to write signal. Errno %d", error);
+    return;
   }
+  ++_unreadBytes;
 }
 
 void PipeExt::clear() {
+  Poco::ScopedLock<Poco::Mutex> guard(_mutex);
   const int fd = readHandle();
   // Non-blocking on every call, so the drain stops at an empty pipe even when
   // another user of the descriptor changed its flags since.
@@ -94,7 +84,12 @@ void PipeExt::clear() {
   for (;;) {
     const ssize_t n = read(fd, buffer, sizeof(buffer));
     if (n == static_cast<ssize_t>(sizeof(buffer))) continue;
+    const int error = errno;
     if (n < 0) internal::reportDebug(kReportFile, "clear", 169, "read returned %zd", n);
+    // A short read or EAGAIN means the pipe is empty, and no wake-up byte
+    // arrives while the mutex is held. After any other failure the bytes may
+    // still be there: keep counting them, so no write can block.
+    if (n >= 0 || error == EAGAIN || error == EWOULDBLOCK) _unreadBytes = 0;
     return;
   }
 }

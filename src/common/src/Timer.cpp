@@ -4,6 +4,7 @@
 
 #include <Poco/ErrorHandler.h>
 #include <Poco/Exception.h>
+#include <Poco/Thread.h>
 
 #include <exception>
 #include <memory>
@@ -65,7 +66,9 @@ Timer::Timer(long startInterval, long periodicInterval)
       _stopRequested(false),
       _thread(),
       _pCallback(nullptr),
-      _nextInvocation() {
+      _nextInvocation(),
+      _restartGeneration(0),
+      _invocationStarting(false) {
   checkTimerAssertion(startInterval >= 0 && periodicInterval >= 0, "startInterval >= 0 && periodicInterval >= 0",
                       "Timer", 12, "Zel::Timer::Timer(long int, long int)");
 }
@@ -99,10 +102,11 @@ void Timer::stop() {
     Poco::FastMutex::ScopedLock guard(_mutex);
     if (_pCallback == nullptr) return;
     _periodicInterval = 0;
+    // From here on restart() changes nothing, so the period stays 0.
     _stopRequested = true;
   }
   // The lock is released while joining, so a running callback can finish
-  // (and may still call restart()).
+  // (and may still call restart(), which then does nothing).
   _wakeUp.set();
   pthread_join(_thread, nullptr);
 
@@ -113,15 +117,34 @@ void Timer::stop() {
 
 void Timer::restart() {
   Poco::FastMutex::ScopedLock guard(_mutex);
-  if (_pCallback != nullptr) _wakeUp.set();
+  if (!restartable()) return;
+  ++_restartGeneration;
+  _wakeUp.set();
 }
 
 void Timer::restart(long milliseconds) {
   checkTimerAssertion(milliseconds >= 0, "milliseconds >= 0", "restart", 64, "void Zel::Timer::restart(long int)");
   Poco::FastMutex::ScopedLock guard(_mutex);
-  if (_pCallback == nullptr) return;
+  if (!restartable()) return;
   _periodicInterval = milliseconds;
+  ++_restartGeneration;
   _wakeUp.set();
+}
+
+bool Timer::restartable() {
+  if (_pCallback == nullptr || _stopRequested) return false;
+  // The timer thread has decided to invoke the callback for the current
+  // deadline and released the lock, but not yet called it. That invocation
+  // has begun; let it get under way before this restart takes effect and
+  // returns, so that no invocation for the old deadline starts after
+  // restart() has returned. The thread needs no lock for this step, which
+  // is a few instructions long; the loop only yields while it is preempted.
+  while (_invocationStarting.load(std::memory_order_acquire)) {
+    _mutex.unlock();
+    Poco::Thread::yield();
+    _mutex.lock();
+  }
+  return _pCallback != nullptr && !_stopRequested;
 }
 
 void* Timer::runnableEntry(void* timer) {
@@ -130,6 +153,11 @@ void* Timer::runnableEntry(void* timer) {
 }
 
 void Timer::run() {
+  unsigned long handledRestarts = 0;
+  {
+    Poco::FastMutex::ScopedLock guard(_mutex);
+    handledRestarts = _restartGeneration;
+  }
   for (;;) {
     Clock deadline(Clock::CLOCKVAL_MIN);
     {
@@ -137,17 +165,35 @@ void Timer::run() {
       deadline = _nextInvocation;
     }
     const long wait = waitMilliseconds(deadline - Clock());
+    const bool woken = _wakeUp.tryWait(wait);
 
     long interval = 0;
-    bool stopRequested = false;
-    if (_wakeUp.tryWait(wait)) {
-      // Woken by restart() or stop(): a new period starts now, no invocation.
+    {
       Poco::FastMutex::ScopedLock guard(_mutex);
-      interval = _periodicInterval;
-      _nextInvocation = millisecondsLater(Clock(), interval);
-      stopRequested = _stopRequested;
-    } else {
-      invokeCallback();
+      // stop() has begun: no further invocation.
+      if (_stopRequested) return;
+      // restart() and this thread agree here, under the lock, whether the
+      // deadline was consumed: a restart that took the lock before this
+      // point cancels the invocation even when the wait had already timed
+      // out, and one that comes later finds the invocation begun.
+      if (woken || _restartGeneration != handledRestarts) {
+        // A new period starts now, without an invocation. The event is
+        // cleared in case the restart came after the wait had timed out;
+        // every restart sets it under this lock, so none is lost.
+        handledRestarts = _restartGeneration;
+        _wakeUp.reset();
+        interval = _periodicInterval;
+        _nextInvocation = millisecondsLater(Clock(), interval);
+        if (interval <= 0) return;
+        continue;
+      }
+      _invocationStarting.store(true, std::memory_order_release);
+    }
+    _invocationStarting.store(false, std::memory_order_release);
+    invokeCallback();
+
+    bool stopRequested = false;
+    {
       Poco::FastMutex::ScopedLock guard(_mutex);
       interval = _periodicInterval;
       // From the previous deadline, not from now: overdue deadlines are

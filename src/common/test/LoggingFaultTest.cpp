@@ -589,8 +589,7 @@ void descriptorExhaustionChild() {
   CHILD_EXPECT(what != "constructed");
   CHILD_EXPECT_EQ(before, openDescriptors());
 
-  // Exactly room for the pipe: it is made (the capacity raise, which
-  // needs one more descriptor, is skipped) and works.
+  // Exactly room for the pipe: it is made and works.
   {
     Zel::PipeExt pipe;
     Note* m = new Note();

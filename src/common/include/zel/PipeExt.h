@@ -23,24 +23,31 @@
 // the first pop() that finds messages; from then on it is non-blocking for
 // every user of it (the drain sets its status flags to exactly O_NONBLOCK).
 //
-// Capacity: a producer whose push finds the pipe full blocks inside push()
-// while holding the mutex, and the consumer's pop() then waits for that same
-// mutex, so both would hang. To keep that out of reach, the constructor raises
-// the pipe's capacity to the system maximum (/proc/sys/fs/pipe-max-size,
-// 1 MiB by default), halving the request while the kernel refuses it and
-// otherwise keeping the size the pipe was created with. With the default
-// maximum a queue holds 1 048 576 unpopped messages before a push blocks
-// (65 536 in a pipe of the usual default size, if the raise was refused).
-// Each raised pipe counts 256 pages against its user's pipe quota
-// (fs/pipe-user-pages-soft, 16384 pages by default): an unprivileged user
-// gets the raise for about 64 pipes at a time, after which the kernel refuses
-// it and gives that user's new pipes only 8 KiB (8 192 messages).
+// Capacity: a push never waits for the pipe. The queue counts the wake-up
+// bytes written since the last drain (under the mutex, like the writes and
+// the drain), and while the pipe has room every push writes its byte. Once
+// the pipe holds as many bytes as it can (its capacity, read once at
+// construction: 65 536 for a default pipe, less for a user beyond the
+// kernel's pipe allowance), pushes queue their message without writing: the
+// full pipe is readable anyway, so the consumer still wakes, and its pop()
+// takes every message and drains the pipe. Until that pop the pipe holds
+// fewer bytes than there are messages. A queue with no consumer at all keeps
+// accepting messages; memory is its only limit, as for any unbounded queue.
+// The pipe keeps the size the kernel gave it, so a queue costs the user's
+// pipe allowance no more than an ordinary pipe.
+//
+// The wake-up bytes belong to the queue: a consumer waits for readability
+// and pops, but does not read or write the pipe itself. Bytes written by
+// anyone else count against the pipe's room and may make a push block; bytes
+// read by anyone else without a pop leave the queue thinking the pipe is
+// fuller than it is (it then skips wake-up bytes until the next pop).
 #ifndef ZEL_PIPE_EXT_H
 #define ZEL_PIPE_EXT_H
 
 #include <Poco/Mutex.h>
 #include <Poco/Pipe.h>
 
+#include <cstddef>
 #include <list>
 #include <string>
 
@@ -51,8 +58,8 @@ namespace Zel {
 
 class ZEL_API PipeExt : public Poco::Pipe {
  public:
-  // Opens the pipe (Poco::CreateFileException when that fails) and raises
-  // its capacity as described above; both ends start blocking.
+  // Opens the pipe (Poco::CreateFileException when that fails) and reads its
+  // capacity; both ends start blocking.
   PipeExt();
   // Closes the pipe. Queued messages are not deleted.
   ~PipeExt();
@@ -60,9 +67,9 @@ class ZEL_API PipeExt : public Poco::Pipe {
   PipeExt(const PipeExt&) = delete;
   PipeExt& operator=(const PipeExt&) = delete;
 
-  // Appends the message at the back and writes one wake-up byte. Blocks while
-  // the pipe is full. A failed write is reported (see signal()) and the
-  // message stays queued.
+  // Appends the message at the back and writes one wake-up byte, unless the
+  // pipe is full (see Capacity); never blocks on the pipe. A failed write is
+  // reported (see signal()) and the message stays queued.
   void push(PipeMessage* message);
   // Inserts the message at the front (the priority path: it is delivered
   // before everything queued) and writes one wake-up byte.
@@ -77,15 +84,17 @@ class ZEL_API PipeExt : public Poco::Pipe {
   // The two raw steps push() and pop() perform under the mutex; calling them
   // directly adds or removes wake-up bytes without touching the queue.
   //
-  // signal(): writes the byte "s" to the write end. When write() does not
-  // return 1 the failure is reported as "Failed to write signal. Errno <n>"
-  // (error log and trace) and nothing is thrown.
+  // signal(): writes the byte "s" to the write end, with one write() of
+  // length 1, when the pipe has room for it; a full pipe is left as it is.
+  // When write() does not return 1 the failure is reported as "Failed to
+  // write signal. Errno <n>" (error log and trace) and nothing is thrown.
   void signal();
   // clear(): sets the read end's status flags to exactly O_NONBLOCK, then
   // reads 126 bytes at a time until a read returns less than 126. A read
   // that fails ends the drain with the debug trace "read returned -1"; so
   // does draining a pipe holding a multiple of 126 bytes (0 included), since
-  // the last read finds the pipe empty. Never throws.
+  // the last read finds the pipe empty. Never throws. Both take the mutex
+  // (it is recursive, so push() and pop() call them while holding it).
   void clear();
 
  private:
@@ -94,6 +103,10 @@ class ZEL_API PipeExt : public Poco::Pipe {
   // comments: clang's lock analysis cannot see POCO's lock types.)
   std::list<PipeMessage*> _messages;
   mutable Poco::Mutex _mutex;
+  const size_t _capacity;  // bytes the pipe holds before a write would block
+  // Guarded by _mutex: wake-up bytes written since the last drain emptied
+  // the pipe; signal() writes only while this is below _capacity.
+  size_t _unreadBytes;
 };
 
 }  // namespace Zel

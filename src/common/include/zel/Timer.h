@@ -19,12 +19,21 @@
 // after stop() is a one-shot unless restart(long) gives it a period while it
 // runs. The destructor stops the timer.
 //
+// Restarts are exact: once restart() or restart(long) has returned, no
+// invocation for a deadline of the old schedule starts; the next one is due a
+// full (new) period after the timer thread took the restart in. The one
+// exception is an invocation that had already begun when restart() was
+// called: it runs to its end (and the restart then takes effect after it).
+// Once stop() has begun, restart() and restart(long) change nothing, so a
+// callback that restarts its timer while stop() waits for it cannot give the
+// stopped timer a period back.
+//
 // Threads: the application thread calls start(), stop(), restart() and the
 // destructor (start() and stop() from one thread at a time); the timer thread
 // runs run() and the callback, with no lock held, so the callback may call
 // restart() on its own timer but must not stop or destroy it. A mutex of the
-// timer guards the callback pointer, the period, the stop request and the
-// deadline.
+// timer guards the callback pointer, the period, the stop request, the
+// deadline and the count of restarts.
 //
 // Programming faults abort the process after logging "Assertion failed: <condition>"
 // (level 2) when the logging levels allow it, in every build type: negative
@@ -37,6 +46,8 @@
 
 #include <Poco/Event.h>
 #include <Poco/Mutex.h>
+
+#include <atomic>
 
 #include <zel/AbstractTimerCallback.h>
 #include <zel/Clock.h>
@@ -67,12 +78,15 @@ class ZEL_API Timer {
   // was not started. Must not be called from the callback.
   void stop();
   // When started: the next invocation is one full period from now, or, on a
-  // one-shot timer, none (its thread ends without calling the callback).
-  // Otherwise nothing happens.
+  // one-shot timer, none (its thread ends without calling the callback); no
+  // invocation for the old deadline starts after this returns (an invocation
+  // already under way finishes). When not started, or once stop() has begun,
+  // nothing happens.
   void restart();
   // When started: the period becomes `milliseconds` and the next invocation is
   // that many ms from now; 0 ends the thread without calling the callback.
-  // When not started the value is dropped. Aborts when milliseconds < 0
+  // Exact in the same way as restart(). When not started, or once stop() has
+  // begun, the value is dropped. Aborts when milliseconds < 0
   // ("milliseconds >= 0").
   void restart(long milliseconds);
 
@@ -85,6 +99,9 @@ class ZEL_API Timer {
  private:
   // Calls the callback; its exceptions go to Poco::ErrorHandler.
   void invokeCallback();
+  // With _mutex held: whether restart() may act (started, stop() not begun),
+  // once an invocation the timer thread has begun is under way.
+  bool restartable();
 
   const long _startInterval;
   // _periodicInterval, _stopRequested, _pCallback and _nextInvocation are
@@ -99,6 +116,13 @@ class ZEL_API Timer {
   AbstractTimerCallback* _pCallback;
   Clock _nextInvocation;
   Poco::FastMutex _mutex;
+  // Guarded by _mutex: counts the restarts. The timer thread compares it,
+  // under the lock, with the restarts it has handled before it invokes.
+  unsigned long _restartGeneration;
+  // Set by the timer thread under _mutex when it has decided to invoke the
+  // callback, cleared (without the lock) just before the call; restart()
+  // waits while it is set.
+  std::atomic<bool> _invocationStarting;
 };
 
 }  // namespace Zel
