@@ -88,7 +88,7 @@ cmd_package_check() {
 # under each; any sanitizer report fails the test that caused it. The test
 # presets carry the sanitizer options (ASAN_OPTIONS, UBSAN_OPTIONS,
 # TSAN_OPTIONS), so `ctest --preset asan` alone runs the same. The tsan test
-# preset leaves out only the thread-lock tests that misuse an error-checking
+# preset leaves out only the lock tests that misuse an error-checking
 # mutex on purpose (unlocking it from a foreign thread or while it is free, to
 # check the errors the lock reports): TSan reports such an unlock as "unlock
 # of an unlocked mutex" however the mutex answers it.
