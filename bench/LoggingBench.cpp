@@ -75,6 +75,8 @@
 
 #include <zel/LoggingWrapper.h>
 
+#include "LoggingEnvironment.h"
+
 // --- heap allocation counting ---------------------------------------------
 //
 // The binary replaces malloc, calloc and realloc with pass-throughs to the C
@@ -193,24 +195,8 @@ off_t fileSize(const std::string& path) {
 // settings whatever the caller's environment says. Wrappers are never
 // deleted: the destructor would destroy the lock all wrappers share.
 Zel::LoggingWrapper* makeWrapper(const std::string& dir) {
-  const char* names[] = {"TMPDIR", "ZEL_LOGGING_FNAME", "ZEL_LOGGING_LEVEL", "ZEL_LOGGING_FMAXSIZE",
-                         "ZEL_LOGGING_FMAXCOUNT", "TAV_ENV"};
-  std::vector<std::pair<std::string, std::unique_ptr<std::string>>> saved;
-  for (const char* name : names) {
-    const char* value = std::getenv(name);
-    saved.emplace_back(name, value != nullptr ? std::make_unique<std::string>(value) : nullptr);
-    unsetenv(name);
-  }
-  setenv("TMPDIR", dir.c_str(), 1);
-  Zel::LoggingWrapper* wrapper = new Zel::LoggingWrapper();
-  for (const auto& entry : saved) {
-    if (entry.second) {
-      setenv(entry.first.c_str(), entry.second->c_str(), 1);
-    } else {
-      unsetenv(entry.first.c_str());
-    }
-  }
-  return wrapper;
+  ZelBench::LoggingEnvironment environment(dir);
+  return new Zel::LoggingWrapper();
 }
 
 Zel::LoggingWrapper* fileWrapper() {

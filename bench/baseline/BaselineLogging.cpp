@@ -1,35 +1,14 @@
 // Compiled with -DZel=ZelBaseline against the baseline commit's headers.
 #include "BaselineLogging.h"
 
-#include <cstdlib>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
+#include "../LoggingEnvironment.h"
 #include "LoggingWrapper.h"
 
 namespace ZelBench {
 
 void* baselineMakeWrapper(const char* dir) {
-  const char* names[] = {"TMPDIR", "ZEL_LOGGING_FNAME", "ZEL_LOGGING_LEVEL", "ZEL_LOGGING_FMAXSIZE",
-                         "ZEL_LOGGING_FMAXCOUNT", "TAV_ENV"};
-  std::vector<std::pair<std::string, std::unique_ptr<std::string>>> saved;
-  for (const char* name : names) {
-    const char* value = std::getenv(name);
-    saved.emplace_back(name, value != nullptr ? std::make_unique<std::string>(value) : nullptr);
-    unsetenv(name);
-  }
-  setenv("TMPDIR", dir, 1);
-  ZelBaseline::LoggingWrapper* wrapper = new ZelBaseline::LoggingWrapper();
-  for (const auto& entry : saved) {
-    if (entry.second) {
-      setenv(entry.first.c_str(), entry.second->c_str(), 1);
-    } else {
-      unsetenv(entry.first.c_str());
-    }
-  }
-  return wrapper;
+  LoggingEnvironment environment(dir);
+  return new ZelBaseline::LoggingWrapper();
 }
 
 void baselineLogRecord(void* wrapper, int error, const char* target) {

@@ -13,24 +13,14 @@
 
 #include <zel/ZelException.h>
 #include <zel/ZelThreadLock.h>
+#include "support/LockProbe.h"
 
 namespace {
 
+using ZelTest::lockableFromOtherThread;
 using Zel::ZelInternalErrorException;
 using Zel::ZelThreadLock;
 using Zel::internal::ThreadLockGuard;
-
-// Whether another thread could take the lock right now.
-bool lockableFromOtherThread(ZelThreadLock& lock) {
-  bool lockable = false;
-  std::thread other([&] {
-    const int rc = pthread_mutex_trylock(lock.getMutex());
-    lockable = rc == 0;
-    if (rc == 0) pthread_mutex_unlock(lock.getMutex());
-  });
-  other.join();
-  return lockable;
-}
 
 TEST(ThreadLockGuard, HoldsTheLockForItsScope) {
   ZelThreadLock lock;

@@ -8,27 +8,17 @@
 
 #include <zel/ZelException.h>
 #include <zel/ZelThreadLock.h>
+#include "support/LockProbe.h"
 
 namespace {
 
+using ZelTest::lockableFromOtherThread;
 using Zel::ZelInternalErrorException;
 using Zel::ZelThreadLock;
 
 std::string lockFailure(int error) {
   return "ZelInternalErrorException(TxThreadLock::put, pthread_mutex_lock failed(" + std::to_string(error) + "," +
          std::strerror(error) + "))";
-}
-
-// Whether another thread could take the lock right now.
-bool lockableFromOtherThread(ZelThreadLock& lock) {
-  bool lockable = false;
-  std::thread other([&] {
-    const int rc = pthread_mutex_trylock(lock.getMutex());
-    lockable = rc == 0;
-    if (rc == 0) pthread_mutex_unlock(lock.getMutex());
-  });
-  other.join();
-  return lockable;
 }
 
 TEST(ZelThreadLock, LockAndUnlockReturnZero) {
