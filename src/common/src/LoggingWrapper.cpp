@@ -74,12 +74,13 @@ void lockForRecord(ZelThreadLock* lock) ZEL_ACQUIRE(lock) ZEL_NO_THREAD_SAFETY_A
   lock->lock();
 }
 
-// Wrappers whose files are written at the end of the process. The registry
-// is never destroyed: the exit handler runs after static objects are gone.
+// Wrappers whose files are written at the end of the process (and made
+// usable again in the child of a fork). The registry is never destroyed: the
+// exit handler runs after static objects are gone.
 struct ExitRegistry {
   std::mutex mutex;
   std::vector<LoggingWrapper*> wrappers;
-  bool lockDestroyed = false;  // a wrapper was destroyed, and _lock with it
+  std::atomic<bool> lockDestroyed{false};  // a wrapper was destroyed, and _lock with it
 };
 ExitRegistry& exitRegistry() {
   static ExitRegistry* registry = new ExitRegistry();
@@ -107,9 +108,72 @@ void internal::flushLogFilesAtExit() ZEL_NO_THREAD_SAFETY_ANALYSIS {
   pthread_mutex_unlock(mutex);
 }
 
+void internal::resetLogFilesInForkedChild() {
+  // Only the forking thread exists here; the fork handler holds the
+  // registry's mutex and the logging lock.
+  for (LoggingWrapper* wrapper : exitRegistry().wrappers) wrapper->_file->afterForkInChild();
+}
+
 namespace {
 
 void flushAtExit() { internal::flushLogFilesAtExit(); }
+
+// fork() from a threaded process: another thread may be in the middle of a
+// record, holding LoggingWrapper::_lock (and perhaps the directory lock).
+// Only the forking thread goes on in the child, so a lock copied while held
+// would stay held there for ever. The handlers take the logging lock (and
+// the registry's mutex, which the constructor takes under it) around the
+// fork, so the child starts with no record half written; in the child the
+// logging lock is made anew (an error-checking mutex records its owner's
+// thread id, which the forking thread no longer has) and every wrapper's file
+// drops its parent's state (LogFile::afterForkInChild).
+enum class ForkLock { NotTaken, Taken, HeldByCaller };
+ForkLock gForkLock = ForkLock::NotTaken;
+
+bool loggingLockExists() {
+  return LoggingWrapper::_lock != nullptr && !exitRegistry().lockDestroyed.load(std::memory_order_acquire);
+}
+
+void prepareFork() ZEL_NO_THREAD_SAFETY_ANALYSIS {
+  ForkLock state = ForkLock::NotTaken;
+  if (loggingLockExists()) {
+    const int rc = pthread_mutex_lock(LoggingWrapper::_lock->getMutex());
+    // EDEADLK: the forking thread holds it itself (a version 2 trace
+    // interface that forks); it stays held in both processes.
+    if (rc == 0) state = ForkLock::Taken;
+    if (rc == EDEADLK) state = ForkLock::HeldByCaller;
+  }
+  exitRegistry().mutex.lock();
+  gForkLock = state;  // written and read only while the registry's mutex is held
+}
+
+void parentAfterFork() ZEL_NO_THREAD_SAFETY_ANALYSIS {
+  const ForkLock state = gForkLock;
+  exitRegistry().mutex.unlock();
+  if (state == ForkLock::Taken) pthread_mutex_unlock(LoggingWrapper::_lock->getMutex());
+}
+
+void childAfterFork() ZEL_NO_THREAD_SAFETY_ANALYSIS {
+  const ForkLock state = gForkLock;
+  internal::resetLogFilesInForkedChild();
+  exitRegistry().mutex.unlock();
+  if (state == ForkLock::NotTaken) return;
+  pthread_mutex_t* mutex = LoggingWrapper::_lock->getMutex();
+  pthread_mutexattr_t attributes;
+  if (pthread_mutexattr_init(&attributes) != 0) return;
+  (void)pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+  (void)pthread_mutex_init(mutex, &attributes);
+  (void)pthread_mutexattr_destroy(&attributes);
+  // Held by the caller before the fork: held by it in the child too, under
+  // its new thread id, so that its own unlock works.
+  if (state == ForkLock::HeldByCaller) (void)pthread_mutex_lock(mutex);
+}
+
+struct ForkHandlers {
+  ForkHandlers() { (void)pthread_atfork(&prepareFork, &parentAfterFork, &childAfterFork); }
+};
+// Registered when the library is loaded, right after _lock is made.
+ForkHandlers gForkHandlers;
 
 void registerForExit(LoggingWrapper* wrapper) {
   ExitRegistry& registry = exitRegistry();
@@ -124,7 +188,7 @@ void unregisterForExit(LoggingWrapper* wrapper) {
   std::lock_guard<std::mutex> guard(registry.mutex);
   registry.wrappers.erase(std::remove(registry.wrappers.begin(), registry.wrappers.end(), wrapper),
                           registry.wrappers.end());
-  registry.lockDestroyed = true;
+  registry.lockDestroyed.store(true, std::memory_order_release);
 }
 
 // Opt-in crash flush (ZEL_LOGGING_CRASH_FLUSH=1): the fatal signals write the

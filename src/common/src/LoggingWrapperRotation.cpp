@@ -10,7 +10,8 @@
 // under the log directory's lock held exclusively (internal::LogFile), and
 // is checked again under it: when the live path already names another file
 // than the one this process has open, another process has just rotated, and
-// this one only reopens the live file.
+// this one only reopens the live file. While another process holds the lock
+// the rotation is put off to a later record, never run without it.
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -148,8 +149,8 @@ void LoggingWrapper::rotateLogs() {
   if (matches.empty()) return;
   const std::string target = matches.back().second;
   if (::access(_fname.c_str(), W_OK) == 0) {
-    _file->noteRotated(_fname);
     (void)std::rename(_fname.c_str(), target.c_str());
+    _file->noteRotated(target);
   }
 }
 

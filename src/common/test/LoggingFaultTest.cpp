@@ -34,6 +34,7 @@
 #include "support/ChildProcess.h"
 #include "support/Fakes.h"
 #include "support/LogLines.h"
+#include "support/Processes.h"
 #include "support/StderrCapture.h"
 #include "support/WrapperFixture.h"
 
@@ -411,15 +412,16 @@ void writeLimitChild(const std::string& dir) {
   // Said once, when writing started to fail; no record went to stderr.
   const std::string writeFailure = "Failed to write log file. Errno: " + errnoText(EFBIG) + "\n";
   CHILD_EXPECT_EQ(writeFailure, err);
+  // The record the limit cut was taken back from the end of the file, and
+  // written whole into the next one: both files hold whole records only,
+  // and every record is in one of them once.
   const std::string rotated = readFile(dir + "/zel.log.1");
-  CHILD_EXPECT_EQ(static_cast<size_t>(limit), rotated.size());
-  CHILD_EXPECT(rotated.back() != '\n');  // cut in the middle of a record by the limit
-  // Every record is whole in one of the files, the cut one included, and
-  // the new file holds nothing but whole records.
+  CHILD_EXPECT(rotated.size() <= static_cast<size_t>(limit) && rotated.size() > 1000u);
+  CHILD_EXPECT(rotated.back() == '\n');
+  CHILD_EXPECT(malformedLines(rotated).empty());
   const std::string live = readFile(dir + "/zel.log");
   CHILD_EXPECT(malformedLines(live).empty());
-  for (int k = 1; k <= last; ++k) CHILD_EXPECT(holdsRecord(rotated + live, k));
-  CHILD_EXPECT_EQ(size_t(1), malformedLines(rotated).size());
+  for (int k = 1; k <= last; ++k) CHILD_EXPECT_EQ(size_t(1), countOf(rotated + live, recordText(k) + "\n"));
   _exit(0);
 }
 
@@ -443,10 +445,15 @@ void writeLimitBelowRotationChild(const std::string& dir) {
   const std::string err = cap.release();
   // One message however many writes failed.
   CHILD_EXPECT_EQ("Failed to write log file. Errno: " + errnoText(EFBIG) + "\n", err);
-  CHILD_EXPECT_EQ(size_t(1500), readFile(dir + "/zel.log").size());
+  // The record the limit cut was taken back: the file holds whole records
+  // only, as close to the limit as they fit.
+  const std::string before = readFile(dir + "/zel.log");
+  CHILD_EXPECT(before.size() <= 1500u && before.size() > 1500u - 100u);
+  CHILD_EXPECT(before.back() == '\n');
+  CHILD_EXPECT_EQ(size_t(0), malformedLines(before).size());
 
-  // Space again: the next write ends the cut line, writes what was kept,
-  // then one record with the number dropped.
+  // Space again: the next write goes on with what was kept, then one record
+  // with the number dropped.
   setFileSizeLimit(RLIM_INFINITY);
   StderrCapture quiet;
   writeRecord(w, last + 1);
@@ -454,9 +461,7 @@ void writeLimitBelowRotationChild(const std::string& dir) {
   ZelTest::closeWrapperFile(w);
   CHILD_EXPECT_EQ(std::string(), quiet.release());
   const std::string text = readFile(dir + "/zel.log");
-  const std::vector<std::string> bad = malformedLines(text);
-  CHILD_EXPECT_EQ(size_t(1), bad.size());  // the line the limit cut, ended by a newline
-  CHILD_EXPECT(text.find(bad[0] + "\n") < 1500);
+  CHILD_EXPECT_EQ(size_t(0), malformedLines(text).size());  // no cut line anywhere
   const std::regex notice(" ER LoggingWrapper" + std::string(12, ' ') +
                           "(\\d+) log records were dropped while the log file could not be written\n");
   std::smatch match;
@@ -471,6 +476,68 @@ void writeLimitBelowRotationChild(const std::string& dir) {
   CHILD_EXPECT(text.find(recordText(kept) + "\n") < static_cast<size_t>(match.position(0)));
   CHILD_EXPECT(holdsRecord(text.substr(static_cast<size_t>(match.position(0))), last + 1));
   _exit(0);
+}
+
+// One writer's file-size limit cuts a record in the middle; another process
+// (without that limit) writes next. Its record must start a line of its own:
+// the cut piece was taken back from the file's end.
+TEST_F(LoggingFaultTest, RecordCutByOneWriterNeverHasAnotherWritersRecordGluedToIt) {
+  const std::string dir = tmp.path();
+  const pid_t cutter = ZelTest::startProcess([dir] {
+    std::signal(SIGXFSZ, SIG_IGN);
+    LoggingWrapper* w = ZelTest::makeWrapper(dir, {{"ZEL_LOGGING_FMAXSIZE", "1000000"}});
+    for (int n = 1; n <= 5; ++n) w->log_printf("faulty", 2, 1, "%s", recordText(n).c_str());
+    const size_t size = readFile(dir + "/zel.log").size();
+    setFileSizeLimit(static_cast<rlim_t>(size + 100));  // inside the second record below
+    {
+      StderrCapture quiet;
+      for (int n = 6; n <= 15; ++n) writeRecord(w, n);
+      CHILD_EXPECT(!w->flush());
+    }
+    _exit(0);  // what it could not write stays unwritten
+  });
+  ASSERT_EQ(0, ZelTest::waitStatus(cutter));
+  const pid_t next = ZelTest::startProcess([dir] {
+    LoggingWrapper* w = ZelTest::makeWrapper(dir, {{"ZEL_LOGGING_FMAXSIZE", "1000000"}});
+    for (int n = 101; n <= 103; ++n) writeRecord(w, n);
+    _exit(w->flush() ? 0 : 1);
+  });
+  ASSERT_EQ(0, ZelTest::waitStatus(next));
+  const std::string text = readFile(dir + "/zel.log");
+  for (const std::string& line : ZelTest::splitLines(text)) EXPECT_FALSE(holdsSecondStamp(line)) << line;
+  EXPECT_TRUE(malformedLines(text).empty()) << text;
+  for (int n = 101; n <= 103; ++n) EXPECT_EQ(1u, countOf(text, recordText(n) + "\n")) << n;
+  EXPECT_TRUE(holdsRecord(text, 6));  // the whole record before the cut
+  survived();
+}
+
+// An outside rename of the live file during a rotation, with another
+// writer's fresh file at the live path when the rename is made: that file
+// goes to the new numbered slot, but it is not this process's own, so its
+// next rotation never reuses (and so replaces) it.
+TEST_F(LoggingFaultTest, NumberedFileFromAnOutsideRenameIsNeverReusedByTheRotation) {
+  LoggingWrapper* w = smallWrapper(1000, 100);
+  int n = 1;
+  while (!fileExists(tmp.file("zel.log.1"))) w->log_printf("faulty", 2, 1, "%s", recordText(n++).c_str());
+  const std::string live = liveFile();
+  const std::string moved = tmp.file("moved-away.log");
+  const std::string others = "another writer's record\n";
+  // At the next rotation, between closing our file and renaming the live
+  // path: a tool moves our file away, another writer starts a fresh one.
+  ZelFault::before(Call::Opendir, [live, moved, others] {
+    if (std::rename(live.c_str(), moved.c_str()) == 0) ZelTest::writeFile(live, others);
+  });
+  while (!fileExists(tmp.file("zel.log.2"))) w->log_printf("faulty", 2, 1, "%s", recordText(n++).c_str());
+  EXPECT_EQ(others, readFile(tmp.file("zel.log.2")));  // the other writer's file, small and not ours
+  // The next rotation takes a new number instead of reusing that one.
+  while (!fileExists(tmp.file("zel.log.3"))) w->log_printf("faulty", 2, 1, "%s", recordText(n++).c_str());
+  EXPECT_EQ(others, readFile(tmp.file("zel.log.2")));
+  ZelTest::closeWrapperFile(w);
+  std::string all;
+  for (const std::string& name : ZelTest::listDir(tmp.path())) all += readFile(tmp.file(name));
+  for (int k = 1; k < n; ++k)
+    EXPECT_EQ(1u, countOf(all, " CR faulty                    " + recordText(k) + "\n")) << k;
+  survived();
 }
 
 TEST_F(LoggingFaultTest, WriteLimitBelowTheRotationLimitIsSaidOnceAndTheDroppedRecordsAreCountedInTheFile) {

@@ -59,6 +59,9 @@ namespace internal {
 class LogFile;
 // Writes the buffered records of every wrapper; run by exit().
 void flushLogFilesAtExit();
+// Makes every wrapper's file usable in the child of fork(); run by the
+// library's fork handler in the child.
+void resetLogFilesInForkedChild();
 }  // namespace internal
 
 // Names of the environment variables and the default file name, read by the
@@ -274,6 +277,7 @@ class ZEL_API LoggingWrapper {
 
  private:
   friend void internal::flushLogFilesAtExit();
+  friend void internal::resetLogFilesInForkedChild();
   // flush() for the exit handler, which already holds _lock.
   void flushForExit() ZEL_REQUIRES(_lock);
 

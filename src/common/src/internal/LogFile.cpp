@@ -2,7 +2,6 @@
 #include "internal/LogFile.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -64,15 +63,6 @@ class RecordText {
   char* _begin;
   char* _end;
   char* _last;
-};
-
-// Bumped in the child of every fork: a child shares its parent's open
-// directory description, and flock locks belong to that description, so the
-// child opens the directory again before it locks.
-std::atomic<unsigned> gForkGeneration{0};
-void noteFork() { gForkGeneration.fetch_add(1, std::memory_order_relaxed); }
-struct ForkWatch {
-  ForkWatch() { (void)pthread_atfork(nullptr, nullptr, &noteFork); }
 };
 
 bool ownedByUsOrRoot(const struct stat& st) { return st.st_uid == 0 || st.st_uid == geteuid(); }
@@ -153,6 +143,8 @@ size_t composeLine(char* record, size_t size, const char* stamp, size_t stampLen
 LogFile::LogFile()
     : _fd(-1),
       _dirFd(-1),
+      _dirIdentity(),
+      _storage(nullptr),
       _buffer(nullptr),
       _capacity(kSmallBuffer),
       _length(0),
@@ -162,16 +154,14 @@ LogFile::LogFile()
       _failing(false),
       _dropped(0),
       _missed(0),
-      _lockState(LockState::None),
+      _locked(false),
       _gaveUpUntil(0),
-      _exclusiveBusySince(0),
-      _saidUncoordinated(false),
-      _forkGeneration(0),
-      _bufferGeneration(gForkGeneration.load(std::memory_order_relaxed)),
+      _postponedSince(0),
+      _saidPostponed(false),
+      _closedFile(),
       _rotatedByUs(),
       _cutFile(),
       _createdAt() {
-  static ForkWatch forkWatch;
   // A file written before this moment has a modification time no later
   // than it, whether the file system keeps coarse or fine times.
   clock_gettime(CLOCK_REALTIME, &_createdAt);
@@ -179,28 +169,42 @@ LogFile::LogFile()
 
 LogFile::~LogFile() {
   (void)close();
-  if (_dirFd >= 0) ::close(_dirFd);
-  delete[] _buffer;
+  closeDirectory();
+  delete[] _storage;
 }
 
-void LogFile::dropInheritedRecords() {
-  const unsigned generation = gForkGeneration.load(std::memory_order_relaxed);
-  if (generation == _bufferGeneration) return;
-  // A child of fork(): the buffered records are its parent's, which writes
-  // them itself; writing them here too would duplicate them.
-  _bufferGeneration = generation;
+void LogFile::afterForkInChild() {
+  // The buffered records are the parent's, which writes them itself;
+  // writing them here too would duplicate them.
   _length.store(0, std::memory_order_release);
+  _writing.store(false, std::memory_order_relaxed);
   _needNewline = false;
   _failing = false;
   _dropped = 0;
+  _missed = 0;
+  // The directory descriptor shares the parent's open file description, and
+  // flock locks belong to that description: kept open here, it would hold
+  // the parent's lock for as long as this child lives, even after the
+  // parent died holding it. Closing it leaves the parent's lock alone.
+  if (_dirFd >= 0) ::close(_dirFd);
+  _dirFd = -1;
+  _dirIdentity = FileIdentity();
+  _locked = false;
+  _gaveUpUntil = 0;
+  _postponedSince = 0;
+  _saidPostponed = false;
+  // The parent's rotated file is not the child's own.
+  _rotatedByUs = FileIdentity();
+  _closedFile = FileIdentity();
 }
 
 int LogFile::open(const std::string& path, const std::string& lockDirectory, uint64_t sizeLimit) {
-  dropInheritedRecords();
   if (isOpen()) (void)close();  // a second open replaces the first, it does not leak it
-  if (_buffer == nullptr) {
-    _buffer = new (std::nothrow) char[kLargeBuffer];
-    if (_buffer == nullptr) return ENOMEM;
+  if (_storage == nullptr) {
+    _storage = new (std::nothrow) char[kLargeBuffer + 1];
+    if (_storage == nullptr) return ENOMEM;
+    _storage[0] = '\n';
+    _buffer = _storage + 1;
   }
   const size_t wanted = sizeLimit >= kLargeBufferMinLimit ? kLargeBuffer : kSmallBuffer;
   // Records still buffered (from a file that could not be written) keep
@@ -208,14 +212,13 @@ int LogFile::open(const std::string& path, const std::string& lockDirectory, uin
   if (wanted >= _length.load(std::memory_order_relaxed)) _capacity = wanted;
   _path = path;
   if (lockDirectory != _lockDirectory) {
-    if (_dirFd >= 0) ::close(_dirFd);
-    _dirFd = -1;
+    closeDirectory();
     _lockDirectory = lockDirectory;
   }
   return openDescriptor();
 }
 
-int LogFile::openDescriptor() {
+int LogFile::openDescriptor(struct stat& st) {
   int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   struct stat entry;
   if (::lstat(_path.c_str(), &entry) == 0) {
@@ -241,7 +244,6 @@ int LogFile::openDescriptor() {
     fd = ::open(_path.c_str(), flags | O_CREAT, 0666);  // it went away meanwhile
   }
   if (fd < 0) return errno;
-  struct stat st;
   if (::fstatat(fd, "", &st, AT_EMPTY_PATH) != 0) {
     const int error = errno;
     ::close(fd);
@@ -257,8 +259,7 @@ int LogFile::openDescriptor() {
   const int status = ::fcntl(fd, F_GETFL);
   if (status != -1) (void)::fcntl(fd, F_SETFL, status & ~O_NONBLOCK);
   // Only the file that ends inside a record of ours needs its line ended.
-  if (_needNewline && !(_cutFile.valid && st.st_dev == _cutFile.device && st.st_ino == _cutFile.inode))
-    _needNewline = false;
+  if (_needNewline && !_cutFile.is(st)) _needNewline = false;
   _fd.store(fd, std::memory_order_relaxed);
   return 0;
 }
@@ -266,6 +267,9 @@ int LogFile::openDescriptor() {
 int LogFile::close() {
   if (!isOpen()) return 0;
   (void)flush();  // what cannot be written stays buffered for the next open
+  // Remembered for the rotation that may follow: it renames the live path,
+  // and the numbered file is this process's own only if this was it.
+  _closedFile = identityOfDescriptor();
   const int fd = _fd.exchange(-1, std::memory_order_relaxed);
   if (fd < 0) return 0;
   return ::close(fd) == 0 ? 0 : errno;
@@ -287,7 +291,6 @@ int LogFile::closeAfterStatFailure() {
 
 void LogFile::append(const char* line, size_t length, bool urgent, const struct timeval& now) {
   if (_buffer == nullptr) return;
-  dropInheritedRecords();
   if (length + 1 > _capacity - _length.load(std::memory_order_relaxed)) (void)flush();
   if (!isOpen()) {
     // The live file could not be reopened: the buffer went to standard
@@ -311,75 +314,104 @@ void LogFile::append(const char* line, size_t length, bool urgent, const struct 
 }
 
 bool LogFile::flush() {
-  dropInheritedRecords();
-  if (_length.load(std::memory_order_relaxed) == 0 && _dropped == 0 && !_needNewline) return true;
+  if (_length.load(std::memory_order_relaxed) == 0 && _dropped == 0) return true;
   if (!isOpen()) return false;
   // A write that cannot have the lock goes on without it: the identity
   // check below still keeps it out of files renamed away or deleted.
-  const bool locked = _lockState == LockState::None && lockDirectory(LOCK_SH) == LockResult::Locked;
+  // (Held already when a rotation closes the file.)
+  const bool tookLock = !_locked && lockDirectory() == LockResult::Locked;
   // Still the live file? Another process may have rotated it away, a tool
   // renamed or deleted it. Then the live path is opened again, which also
   // lets go of a deleted file's space.
-  const FileIdentity mine = identityOfDescriptor();
+  struct stat mine;
+  const bool known = statDescriptor(mine);
   struct stat live;
-  const bool isLive = mine.valid && ::stat(_path.c_str(), &live) == 0 && live.st_dev == mine.device &&
-                      live.st_ino == mine.inode;
+  const bool isLive = known && ::stat(_path.c_str(), &live) == 0 && live.st_dev == mine.st_dev &&
+                      live.st_ino == mine.st_ino;
   bool written = false;
   if (!isLive) {
     // A descriptor that fstat no longer knows was closed behind our back:
     // its number may belong to somebody else now, so it is not closed.
     const int old = _fd.exchange(-1, std::memory_order_relaxed);
-    if (mine.valid && old >= 0) ::close(old);
-    const int error = openDescriptor();
+    if (known && old >= 0) ::close(old);
+    struct stat opened;
+    const int error = openDescriptor(opened);
     if (error != 0) {
       errno = error;
       std::perror("Failed to open log file!");
       bufferToStderr();
     } else {
-      written = writeBuffer();
+      written = writeBuffer(opened.st_size, _locked);
     }
   } else {
-    written = writeBuffer();
+    written = writeBuffer(mine.st_size, _locked);
   }
-  if (locked) unlockDirectory();
+  if (tookLock) unlockDirectory();
   return written;
 }
 
-bool LogFile::writeBuffer() {
+bool LogFile::writeBuffer(off_t size, bool locked) {
   const int fd = _fd.load(std::memory_order_relaxed);
   _writing.store(true, std::memory_order_relaxed);
   bool ok = true;
+  off_t end = size;  // where the file ends, as far as this writer knows
   for (;;) {
-    if (_needNewline) {
-      // The file ends inside a record of ours (a short write): end that
-      // line, so that the next record is not glued to it.
-      const ssize_t written = writeSome(fd, "\n", 1);
-      if (written != 1) {
-        enterFailing(written < 0 ? errno : ENOSPC);
-        ok = false;
-        break;
-      }
-      _needNewline = false;
-    }
     const size_t length = _length.load(std::memory_order_relaxed);
-    if (length == 0) break;
-    const ssize_t written = writeSome(fd, _buffer, length);
+    // The file ends inside a record of ours (a short write we could not
+    // take back): end that line in the same write(2) as the records.
+    const size_t lead = _needNewline ? 1 : 0;  // _buffer[-1] is the newline
+    if (length + lead == 0) break;
+    ssize_t written = writeSome(fd, _buffer - lead, length + lead);
     if (written <= 0) {
       enterFailing(written < 0 ? errno : ENOSPC);
       ok = false;
       break;
     }
-    if (static_cast<size_t>(written) == length) {
+    if (lead == 1) _needNewline = false;
+    end += written;
+    size_t took = static_cast<size_t>(written) - lead;
+    if (took == length) {
       _length.store(0, std::memory_order_release);
       break;
     }
-    // A short write: the file took only part of the buffer. Whole records
-    // are done; the cut one is written again, whole, on a fresh line.
-    size_t boundary = static_cast<size_t>(written);
+    // A short write: the file took only part of the buffer (a full disk, a
+    // file-size limit). If it stopped inside a record, the rest of that
+    // record is offered at once: space may have come back.
+    size_t boundary = took;
     while (boundary > 0 && _buffer[boundary - 1] != '\n') --boundary;
-    if (boundary != static_cast<size_t>(written)) {
-      _needNewline = true;
-      _cutFile = identityOfDescriptor();
+    if (boundary != took) {
+      const char* newline = static_cast<const char*>(std::memchr(_buffer + took, '\n', length - took));
+      const size_t recordEnd = static_cast<size_t>(newline - _buffer) + 1;
+      int error = 0;
+      while (took < recordEnd) {
+        written = writeSome(fd, _buffer + took, recordEnd - took);
+        if (written <= 0) {
+          error = written < 0 ? errno : ENOSPC;
+          break;
+        }
+        took += static_cast<size_t>(written);
+        end += written;
+      }
+      if (error != 0) {
+        // The record stays cut. Under the exclusive lock no other writer of
+        // the directory appends while we do, so the cut piece is still the
+        // file's end: it is taken back, and no writer, this one or another,
+        // can start a record on the cut line; the record is written again,
+        // whole, later. Without the lock (or if the file grew meanwhile) the
+        // piece stays, and this writer's next write starts on a fresh line.
+        const off_t whole = end - static_cast<off_t>(took - boundary);
+        struct stat st;
+        if (!(locked && statDescriptor(st) && st.st_size == end && ::ftruncate(fd, whole) == 0)) {
+          _needNewline = true;
+          _cutFile = identityOfDescriptor();
+        }
+        std::memmove(_buffer, _buffer + boundary, length - boundary);
+        _length.store(length - boundary, std::memory_order_release);
+        enterFailing(error);
+        ok = false;
+        break;
+      }
+      boundary = recordEnd;
     }
     std::memmove(_buffer, _buffer + boundary, length - boundary);
     _length.store(length - boundary, std::memory_order_release);
@@ -441,23 +473,21 @@ void LogFile::bufferToStderr() {
   _needNewline = false;
 }
 
-FileIdentity LogFile::identityOfDescriptor() const {
-  FileIdentity identity;
-  struct stat st;
+bool LogFile::statDescriptor(struct stat& st) const {
   const int fd = _fd.load(std::memory_order_relaxed);
-  if (fd >= 0 && ::fstatat(fd, "", &st, AT_EMPTY_PATH) == 0) {
-    identity.device = st.st_dev;
-    identity.inode = st.st_ino;
-    identity.valid = true;
-  }
-  return identity;
+  return fd >= 0 && ::fstatat(fd, "", &st, AT_EMPTY_PATH) == 0;
+}
+
+FileIdentity LogFile::identityOfDescriptor() const {
+  struct stat st;
+  return statDescriptor(st) ? FileIdentity::of(st) : FileIdentity();
 }
 
 bool LogFile::replacedAtPath() const {
   const FileIdentity mine = identityOfDescriptor();
   struct stat live;
   if (!mine.valid || ::stat(_path.c_str(), &live) != 0) return false;
-  return live.st_dev != mine.device || live.st_ino != mine.inode;
+  return !mine.is(live);
 }
 
 int LogFile::reopen() {
@@ -467,47 +497,79 @@ int LogFile::reopen() {
   return openDescriptor();
 }
 
-void LogFile::noteRotated(const std::string& path) {
+void LogFile::noteRotated(const std::string& target) {
   struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return;
-  _rotatedByUs.device = st.st_dev;
-  _rotatedByUs.inode = st.st_ino;
-  _rotatedByUs.valid = true;
+  if (::stat(target.c_str(), &st) != 0 || !_closedFile.is(st)) return;
+  _rotatedByUs = _closedFile;
 }
 
 bool LogFile::mayReuse(const std::string& path) const {
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) return true;
-  if (_rotatedByUs.valid && st.st_dev == _rotatedByUs.device && st.st_ino == _rotatedByUs.inode) return true;
+  if (_rotatedByUs.is(st)) return true;
   // Older than this file object: left by an earlier run, not rotated by a
   // process writing beside us.
   if (st.st_mtim.tv_sec != _createdAt.tv_sec) return st.st_mtim.tv_sec < _createdAt.tv_sec;
   return st.st_mtim.tv_nsec <= _createdAt.tv_nsec;
 }
 
-LogFile::LockResult LogFile::lockDirectory(int operation) {
-  const unsigned generation = gForkGeneration.load(std::memory_order_relaxed);
-  if (_dirFd >= 0 && generation != _forkGeneration) {
-    ::close(_dirFd);  // the parent's description: its lock is not ours
-    _dirFd = -1;
+void LogFile::closeDirectory() {
+  if (_dirFd >= 0) ::close(_dirFd);
+  _dirFd = -1;
+  _dirIdentity = FileIdentity();
+  _locked = false;
+}
+
+bool LogFile::directoryIsCurrent() const {
+  struct stat st;
+  // A directory that is gone altogether has no successor to coordinate on.
+  if (::stat(_lockDirectory.c_str(), &st) != 0) return errno == ENOENT || errno == ENOTDIR;
+  return _dirIdentity.is(st);
+}
+
+LogFile::LockResult LogFile::lockDirectory() {
+  // At most a few rounds: the directory at the path may be replaced while we
+  // wait for the lock of the one we have open.
+  for (int round = 0; round < 3; ++round) {
+    if (_dirFd < 0) {
+      _dirFd = ::open(_lockDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      if (_dirFd < 0) return LockResult::Unavailable;
+      struct stat st;
+      if (::fstatat(_dirFd, "", &st, AT_EMPTY_PATH) != 0) {
+        closeDirectory();
+        return LockResult::Unavailable;
+      }
+      _dirIdentity = FileIdentity::of(st);
+    }
+    const LockResult result = waitForLock();
+    if (result == LockResult::Locked) {
+      // The lock of a directory that was removed (and perhaps made anew)
+      // coordinates with nobody: writers of the new one lock that.
+      if (directoryIsCurrent()) return result;
+      unlockDirectory();
+      closeDirectory();
+      continue;
+    }
+    if (result == LockResult::Busy && !directoryIsCurrent()) {
+      closeDirectory();  // busy, but a stale directory's lock: try the new one
+      continue;
+    }
+    return result;
   }
-  if (_dirFd < 0) {
-    _dirFd = ::open(_lockDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (_dirFd < 0) return LockResult::Unavailable;
-    _forkGeneration = generation;
-  }
+  return LockResult::Busy;
+}
+
+LogFile::LockResult LogFile::waitForLock() {
   long pause = 20;
   long start = 0;
   for (;;) {
-    if (::flock(_dirFd, operation | LOCK_NB) == 0) {
-      _lockState = operation == LOCK_EX ? LockState::Exclusive : LockState::Shared;
-      if (operation == LOCK_EX) _exclusiveBusySince = 0;
+    if (::flock(_dirFd, LOCK_EX | LOCK_NB) == 0) {
+      _locked = true;
       return LockResult::Locked;
     }
     if (errno == EINTR) continue;
     if (errno != EWOULDBLOCK) return LockResult::Unavailable;
     const long now = monotonicMicroseconds();
-    if (operation == LOCK_EX && _exclusiveBusySince == 0) _exclusiveBusySince = now;
     if (now < _gaveUpUntil) return LockResult::Busy;  // gave up a moment ago: do not wait again yet
     if (start == 0) start = now;
     if (now - start >= kLockWaitMicroseconds) break;
@@ -515,42 +577,53 @@ LogFile::LockResult LogFile::lockDirectory(int operation) {
     nanosleep(&nap, nullptr);
     if (pause < 1000) pause *= 2;
   }
-  // Somebody holds the lock for longer than any writer would: go on without
-  // it, and do not wait again for a while.
+  // Somebody holds the lock for longer than any writer would: do not wait
+  // again for a while.
   _gaveUpUntil = monotonicMicroseconds() + kGiveUpMicroseconds;
-  if (!_saidUncoordinated) {
-    _saidUncoordinated = true;
-    std::fprintf(stderr,
-                 "Logging directory %s stays locked by another process: the log file is written without "
-                 "coordination\n",
-                 _lockDirectory.c_str());
-    std::fflush(stderr);
-  }
   return LockResult::Busy;
 }
 
 void LogFile::unlockDirectory() {
-  if (_lockState == LockState::None) return;
+  if (!_locked) return;
   (void)::flock(_dirFd, LOCK_UN);
-  _lockState = LockState::None;
+  _locked = false;
+}
+
+void LogFile::sayPostponed() {
+  const long now = monotonicMicroseconds();
+  if (_postponedSince == 0) _postponedSince = now;
+  if (_saidPostponed || now - _postponedSince < kSayPostponedAfterMicroseconds) return;
+  _saidPostponed = true;
+  std::fprintf(stderr,
+               "Logging directory %s stays locked by another process: rotation is postponed and %s grows past "
+               "its size limit\n",
+               _lockDirectory.c_str(), _path.c_str());
+  std::fflush(stderr);
 }
 
 LogFile::RotationLock::RotationLock(LogFile& file) : _file(file), _locked(false), _mayRotate(true) {
-  if (_file._lockState != LockState::None) return;
-  switch (_file.lockDirectory(LOCK_EX)) {
+  if (_file._locked) return;
+  switch (_file.lockDirectory()) {
     case LockResult::Locked:
       _locked = true;
       break;
     case LockResult::Unavailable:
       break;  // nothing to coordinate with: rotate as a lone process does
     case LockResult::Busy:
-      // Held by another process: most likely one that is rotating and was
-      // descheduled. Put the rotation off, unless the lock has been out of
-      // reach for so long that it is held for good.
-      _mayRotate =
-          monotonicMicroseconds() - _file._exclusiveBusySince >= kRotateUncoordinatedAfterMicroseconds;
-      break;
+      // Held by another process: one that is rotating and was descheduled,
+      // or one that holds it for good. The rotation is put off to a later
+      // record either way; appending meanwhile loses nothing.
+      _mayRotate = false;
+      _file.sayPostponed();
+      return;
   }
+  if (_file._saidPostponed) {
+    std::fprintf(stderr, "Logging directory %s is free again: the postponed rotation of %s goes on\n",
+                 _file._lockDirectory.c_str(), _file._path.c_str());
+    std::fflush(stderr);
+  }
+  _file._postponedSince = 0;
+  _file._saidPostponed = false;
 }
 
 LogFile::RotationLock::~RotationLock() {
@@ -562,10 +635,12 @@ void LogFile::writeForCrash() {
   if (fd < 0 || _buffer == nullptr || _writing.load(std::memory_order_relaxed)) return;
   const size_t length = _length.load(std::memory_order_acquire);
   if (length == 0) return;
-  if (_needNewline) (void)::write(fd, "\n", 1);
+  const size_t lead = _needNewline ? 1 : 0;
+  const char* data = _buffer - lead;
+  const size_t total = length + lead;
   size_t done = 0;
-  while (done < length) {
-    const ssize_t written = ::write(fd, _buffer + done, length - done);
+  while (done < total) {
+    const ssize_t written = ::write(fd, data + done, total - done);
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return;
     done += static_cast<size_t>(written);

@@ -3,23 +3,31 @@
 // What it is for: the logging wrapper's local file as one unit - the
 // descriptor, the record buffer, the time-stamp cache, the identity checks
 // that keep a process writing into the live file, the directory lock that
-// coordinates rotation with the other processes of the same directory, and
-// the flush policy. The rotation steps themselves (which numbered slot the
-// file goes to) stay with LoggingWrapper; this unit only tells it when it may
-// rotate and whether another process already has.
+// coordinates the writers of one directory, and the flush policy. The
+// rotation steps themselves (which numbered slot the file goes to) stay with
+// LoggingWrapper; this unit tells it when it may rotate, whether another
+// process already has, and which numbered file it made itself.
 //
 // Why it is shaped like this: every process of the framework may append to
 // the same file. A write therefore carries whole records only and goes to a
 // descriptor opened with O_APPEND, so the kernel never splices another
-// process's record into one of ours. Before the buffer is written the
-// writer checks, under the directory lock held shared, that its descriptor
-// is still the live file (another process may have rotated it away, or a
-// tool renamed or deleted it) and reopens the live path if not. Rotation
-// holds the same lock exclusively, so no buffer write lands in a file while
-// it is being renamed. The lock is flock(2) on the log directory itself: no
-// lock file that another user could pre-create, and a lock held for good by
-// somebody else only delays a writer by a bounded time, after which it goes
-// on uncoordinated and says so once on standard error.
+// process's record into one of ours. Each buffer write and each rotation
+// holds the log directory's flock exclusively: the writer checks under it
+// that its descriptor is still the live file (another process may have
+// rotated it away, a tool renamed or deleted it) and reopens the live path if
+// not; and a record that a short write cut (a full disk, a file-size limit)
+// is taken back from the file's end before anybody else writes, so no
+// writer's record can start on a cut line. The
+// lock is flock(2) on the directory now at the path, checked again once
+// locked (a directory removed and made anew gets the new lock); no lock file
+// that another user could pre-create.
+//
+// A lock that somebody holds for a long time never lets a rotation run
+// without it: the rotation is put off to a later record and the file grows
+// past its limit meanwhile (said once on standard error after
+// kSayPostponedAfterMicroseconds, and once more when the rotation has run).
+// Buffer writes wait for the lock for a bounded time and then go on without
+// it: an append of whole records needs no lock and loses nothing.
 //
 // Flush policy: records at level 0 to 2 are written at once together with
 // everything before them; buffered records are written no later than the
@@ -27,8 +35,14 @@
 // close() and the end of the process write everything. A write that fails
 // (disk full, file-size limit) keeps the records buffered while there is
 // room, counts and drops the rest, says so once on standard error, and
-// writes one record with the count when writing works again. After a short
-// write that ended inside a record, the next write starts on a fresh line.
+// writes one record with the count when writing works again. A record cut by
+// a short write is written again, whole, later.
+//
+// fork(): afterForkInChild() is run in the child (by the logging wrapper's
+// fork handlers, with the logging lock held across the fork, so no write or
+// rotation is half done): the child drops its parent's buffered records and
+// lets go of the inherited directory descriptor, whose lock belongs to the
+// parent's open file description.
 //
 // Ownership: owns its descriptor, the directory descriptor and the buffer.
 // Thread safety: none of its own; the logging wrapper calls it only under
@@ -73,6 +87,14 @@ struct FileIdentity {
   bool operator==(const FileIdentity& other) const {
     return valid && other.valid && device == other.device && inode == other.inode;
   }
+  bool is(const struct stat& st) const { return valid && st.st_dev == device && st.st_ino == inode; }
+  static FileIdentity of(const struct stat& st) {
+    FileIdentity identity;
+    identity.device = st.st_dev;
+    identity.inode = st.st_ino;
+    identity.valid = true;
+    return identity;
+  }
 };
 
 class LogFile {
@@ -83,18 +105,16 @@ class LogFile {
   static constexpr size_t kSmallBuffer = 4096;
   static constexpr size_t kLargeBuffer = 64 * 1024;
   static constexpr uint64_t kLargeBufferMinLimit = 64 * kLargeBuffer;
-  // How long a writer waits for the directory lock before it goes on
-  // without it.
+  // How long a writer waits for the directory lock before a buffer write
+  // goes on without it, or a rotation is put off.
   static constexpr long kLockWaitMicroseconds = 100 * 1000;
   // After waiting in vain, how long a writer only tries the lock without
   // waiting for it.
   static constexpr long kGiveUpMicroseconds = 10 * 1000 * 1000;
-  // How long the lock must have stayed out of reach before a rotation goes
-  // on without it. Until then a rotation whose lock is busy is put off to a
-  // later record: the file grows a little past its limit, and no record is
-  // put at risk by two processes rotating at once because one of them was
-  // merely slow (descheduled on a loaded machine) while it held the lock.
-  static constexpr long kRotateUncoordinatedAfterMicroseconds = 10 * 1000 * 1000;
+  // How long a rotation must have been put off for a busy lock before that
+  // is said on standard error: a lock that other writers hold for moments
+  // (descheduled on a loaded machine) is no news; one held for this long is.
+  static constexpr long kSayPostponedAfterMicroseconds = 10 * 1000 * 1000;
 
   LogFile();
   ~LogFile();
@@ -132,9 +152,10 @@ class LogFile {
 
   // --- rotation coordination ------------------------------------------
   // Holds the directory lock exclusively for a rotation; released by the
-  // destructor. mayRotate() is false while another process holds the lock
-  // (for less than kRotateUncoordinatedAfterMicroseconds so far): the
-  // rotation is then put off, not run uncoordinated.
+  // destructor. mayRotate() is false while another process holds the lock:
+  // the rotation is then put off to a later record, never run without it.
+  // (A directory that cannot be locked at all - not readable, no flock on
+  // its file system - is rotated as a lone process would.)
   class RotationLock {
    public:
     explicit RotationLock(LogFile& file);
@@ -154,14 +175,24 @@ class LogFile {
   // Closes the descriptor and opens the live path again, keeping the buffer.
   // Returns 0 or the errno of the failed open.
   int reopen();
-  // Notes the file at `path` as the one this process is about to rename
-  // away, so that the reuse rule of the rotation knows its own files.
-  void noteRotated(const std::string& path);
+  // Called after the rotation renamed the live path to `target`: the
+  // numbered file counts as this process's own only when it is the file
+  // this process had open until the rotation closed it (same device and
+  // inode), not whatever an outside rename put at the live path meanwhile.
+  void noteRotated(const std::string& target);
   // Whether the newest numbered file at `path` may be reused by the
   // rotation: it was made by this process's own rotation, it predates this
   // file object, or it cannot be examined. A numbered file another process
   // rotated meanwhile is never written over.
   bool mayReuse(const std::string& path) const;
+
+  // --- fork ---------------------------------------------------------------
+  // In the child of fork(), before anything else runs there: forgets the
+  // parent's buffered records (the parent writes them), its write-failure
+  // state and its own rotated file, and closes the inherited directory
+  // descriptor without unlocking it (the lock is the parent's). The log
+  // file descriptor is kept: appends through it are the child's own.
+  void afterForkInChild();
 
   // --- end of the process -----------------------------------------------
   // Writes the pending records with write(2) only; for fatal-signal
@@ -181,43 +212,61 @@ class LogFile {
   bool writeFailing() const { return _failing; }
 
  private:
-  enum class LockState { None, Shared, Exclusive };
   // Locked: taken. Busy: another process holds it (past the bounded wait,
   // or within the give-up window). Unavailable: the directory cannot be
   // locked at all (not readable, no flock on its file system).
   enum class LockResult { Locked, Busy, Unavailable };
-  // Takes the directory lock (LOCK_SH or LOCK_EX) with a bounded wait.
-  LockResult lockDirectory(int operation);
+  // Takes the lock of the directory now at _lockDirectory exclusively, with
+  // a bounded wait; a directory descriptor left on a directory that was
+  // removed (and perhaps made anew) is replaced first.
+  LockResult lockDirectory();
+  // One bounded wait for flock(LOCK_EX) on the open directory descriptor.
+  LockResult waitForLock();
+  // Whether _dirFd is still the directory at _lockDirectory.
+  bool directoryIsCurrent() const;
+  void closeDirectory();
   void unlockDirectory();
-  int openDescriptor();
+  // Opens the live path; on success `st` is what fstat said of it.
+  int openDescriptor(struct stat& st);
+  int openDescriptor() {
+    struct stat st;
+    return openDescriptor(st);
+  }
+  // fstat of the descriptor; false when it fails.
+  bool statDescriptor(struct stat& st) const;
   FileIdentity identityOfDescriptor() const;
-  // Writes the buffer (and the dropped-records notice) to the descriptor.
-  bool writeBuffer();
+  // Writes the buffer (and the dropped-records notice) to the descriptor of
+  // a file `size` bytes long. `locked`: this process holds the directory
+  // lock, so a record cut by a short write can be taken back from the end.
+  bool writeBuffer(off_t size, bool locked);
   // Sends the buffer to standard error (no file could be opened) and empties it.
   void bufferToStderr();
   void enterFailing(int error);
-  // In a child of fork(), forgets the records buffered by the parent.
-  void dropInheritedRecords();
+  void sayPostponed();
 
   std::atomic<int> _fd;
   int _dirFd;
+  FileIdentity _dirIdentity;         // of the directory _dirFd has open
   std::string _path;
   std::string _lockDirectory;
-  char* _buffer;                     // kLargeBuffer bytes, made at the first open
+  // kLargeBuffer bytes of records, made at the first open, behind one byte
+  // that holds a newline: a write that must start on a fresh line sends it
+  // together with the records, in one write(2).
+  char* _storage;
+  char* _buffer;
   size_t _capacity;                  // bytes of _buffer in use as the record buffer
   std::atomic<size_t> _length;       // bytes of whole records buffered
   std::atomic<bool> _writing;        // a write of the buffer is under way
   struct timeval _oldest;            // when the oldest buffered record was made
-  bool _needNewline;                 // the file ends inside a record of ours
+  bool _needNewline;                 // a short write of ours left _cutFile inside a record
   bool _failing;                     // writes are failing; said once on stderr
   uint64_t _dropped;                 // records dropped while failing
   uint64_t _missed;                  // records sent to stderr or dropped since takeAllWritten()
-  LockState _lockState;
+  bool _locked;                      // this process holds the directory lock
   long _gaveUpUntil;                 // monotonic microseconds; no waiting before then
-  long _exclusiveBusySince;          // monotonic microseconds of the first busy LOCK_EX since one was taken; 0: none
-  bool _saidUncoordinated;
-  unsigned _forkGeneration;          // of the process that opened _dirFd
-  unsigned _bufferGeneration;        // of the process whose records are buffered
+  long _postponedSince;              // monotonic microseconds of the first put-off rotation; 0: none
+  bool _saidPostponed;               // the put-off rotation was said on standard error
+  FileIdentity _closedFile;          // the file close() last closed
   FileIdentity _rotatedByUs;         // the file this process last rotated away
   FileIdentity _cutFile;             // the file a short write left inside a record
   struct timespec _createdAt;        // wall clock when this object was made

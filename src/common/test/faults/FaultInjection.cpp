@@ -34,6 +34,7 @@ struct Fault {
 };
 
 Fault gFaults[static_cast<int>(Call::Count_)];
+std::function<void()> gBefore[static_cast<int>(Call::Count_)];
 std::atomic<long> gTotalInjected{0};
 
 Fault& fault(Call call) { return gFaults[static_cast<int>(call)]; }
@@ -42,6 +43,12 @@ Fault& fault(Call call) { return gFaults[static_cast<int>(call)]; }
 bool shouldFail(Call call, int fd = -1) {
   Fault& f = fault(call);
   f.calls.fetch_add(1);
+  std::function<void()>& action = gBefore[static_cast<int>(call)];
+  if (action) {
+    std::function<void()> once;
+    once.swap(action);
+    once();
+  }
   if (f.times.load() <= 0) return false;
   if (call == Call::Write && fd != f.fd.load()) return false;
   int skip = f.skip.load();
@@ -70,7 +77,10 @@ void arm(Call call, int error, int times, int skip, int fd) {
   f.times.store(times);
 }
 
+void before(Call call, std::function<void()> action) { gBefore[static_cast<int>(call)] = std::move(action); }
+
 void reset() {
+  for (std::function<void()>& action : gBefore) action = nullptr;
   for (Fault& f : gFaults) {
     f.times.store(0);
     f.skip.store(0);

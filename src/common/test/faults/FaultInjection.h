@@ -13,6 +13,8 @@
 #ifndef ZEL_TEST_FAULT_INJECTION_H
 #define ZEL_TEST_FAULT_INJECTION_H
 
+#include <functional>
+
 namespace ZelFault {
 
 enum class Call { Rename, Unlink, Opendir, Fstat, Write, Count_ };
@@ -20,6 +22,10 @@ enum class Call { Rename, Unlink, Opendir, Fstat, Write, Count_ };
 // Arms a fault for `call`. For Call::Write only writes to descriptor `fd`
 // fail (so the test's own output is never hit); fd is ignored otherwise.
 void arm(Call call, int error, int times = 1, int skip = 0, int fd = -1);
+// Runs `action` once, at the next call of `call`, before the call itself
+// goes on (or fails): an outside event placed at an exact point of the code
+// under test. Not thread-safe: set it while no other thread makes the call.
+void before(Call call, std::function<void()> action);
 // Disarms every fault and zeroes the counts.
 void reset();
 // Calls of `call` seen since the last reset.
