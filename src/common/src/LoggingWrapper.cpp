@@ -159,6 +159,9 @@ void childAfterFork() ZEL_NO_THREAD_SAFETY_ANALYSIS {
   exitRegistry().mutex.unlock();
   if (state == ForkLock::NotTaken) return;
   pthread_mutex_t* mutex = LoggingWrapper::_lock->getMutex();
+  // Fails (EPERM: the owner's thread id is the parent's), but tells thread
+  // checkers that the lock is free; the mutex is then made anew.
+  (void)pthread_mutex_unlock(mutex);
   pthread_mutexattr_t attributes;
   if (pthread_mutexattr_init(&attributes) != 0) return;
   (void)pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);

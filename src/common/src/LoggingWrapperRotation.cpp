@@ -148,7 +148,9 @@ void LoggingWrapper::rotateLogs() {
   // live file then stays and is appended to.
   if (matches.empty()) return;
   const std::string target = matches.back().second;
-  if (::access(_fname.c_str(), W_OK) == 0) {
+  // Only the file this process had open is rotated: a file another writer
+  // started after a tool renamed ours away stays live.
+  if (::access(_fname.c_str(), W_OK) == 0 && _file->mayRenameLivePath()) {
     (void)std::rename(_fname.c_str(), target.c_str());
     _file->noteRotated(target);
   }

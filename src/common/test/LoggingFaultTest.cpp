@@ -512,10 +512,11 @@ TEST_F(LoggingFaultTest, RecordCutByOneWriterNeverHasAnotherWritersRecordGluedTo
 }
 
 // An outside rename of the live file during a rotation, with another
-// writer's fresh file at the live path when the rename is made: that file
-// goes to the new numbered slot, but it is not this process's own, so its
-// next rotation never reuses (and so replaces) it.
-TEST_F(LoggingFaultTest, NumberedFileFromAnOutsideRenameIsNeverReusedByTheRotation) {
+// writer's fresh file at the live path when the rename is due: that file is
+// not the one this process rotates, so it is neither renamed into a
+// numbered slot (where a later rotation could take it for a not-full file
+// of ours and replace it) nor lost; it stays live and is appended to.
+TEST_F(LoggingFaultTest, FileAnotherWriterStartedDuringARotationIsNeverRenamedOrReplaced) {
   LoggingWrapper* w = smallWrapper(1000, 100);
   int n = 1;
   while (!fileExists(tmp.file("zel.log.1"))) w->log_printf("faulty", 2, 1, "%s", recordText(n++).c_str());
@@ -524,17 +525,23 @@ TEST_F(LoggingFaultTest, NumberedFileFromAnOutsideRenameIsNeverReusedByTheRotati
   const std::string others = "another writer's record\n";
   // At the next rotation, between closing our file and renaming the live
   // path: a tool moves our file away, another writer starts a fresh one.
-  ZelFault::before(Call::Opendir, [live, moved, others] {
+  bool happened = false;
+  ZelFault::before(Call::Opendir, [live, moved, others, &happened] {
     if (std::rename(live.c_str(), moved.c_str()) == 0) ZelTest::writeFile(live, others);
+    happened = true;
   });
-  while (!fileExists(tmp.file("zel.log.2"))) w->log_printf("faulty", 2, 1, "%s", recordText(n++).c_str());
-  EXPECT_EQ(others, readFile(tmp.file("zel.log.2")));  // the other writer's file, small and not ours
-  // The next rotation takes a new number instead of reusing that one.
+  while (!happened) w->log_printf("faulty", 2, 1, "%s", recordText(n++).c_str());
+  const int beforeRotation = n - 2;  // the last record written before the rotation began
+  EXPECT_FALSE(fileExists(tmp.file("zel.log.2")));  // no slot taken by the other writer's file
+  EXPECT_EQ(0u, readFile(live).find(others));       // still live, our records after it
+  EXPECT_EQ(1u, countOf(readFile(moved), " CR faulty                    " + recordText(beforeRotation) + "\n"));
+  // Later rotations go on as usual, and replace nothing.
   while (!fileExists(tmp.file("zel.log.3"))) w->log_printf("faulty", 2, 1, "%s", recordText(n++).c_str());
-  EXPECT_EQ(others, readFile(tmp.file("zel.log.2")));
+  EXPECT_EQ(0u, readFile(tmp.file("zel.log.2")).find(others));
   ZelTest::closeWrapperFile(w);
   std::string all;
   for (const std::string& name : ZelTest::listDir(tmp.path())) all += readFile(tmp.file(name));
+  EXPECT_EQ(1u, countOf(all, others));
   for (int k = 1; k < n; ++k)
     EXPECT_EQ(1u, countOf(all, " CR faulty                    " + recordText(k) + "\n")) << k;
   survived();

@@ -151,6 +151,7 @@ LogFile::LogFile()
       _writing(false),
       _oldest(),
       _needNewline(false),
+      _knownEnd(-1),
       _failing(false),
       _dropped(0),
       _missed(0),
@@ -215,13 +216,25 @@ int LogFile::open(const std::string& path, const std::string& lockDirectory, uin
     closeDirectory();
     _lockDirectory = lockDirectory;
   }
-  return openDescriptor();
+  struct stat st;
+  const int error = openDescriptor(st);
+  // What the file holds when this writer opens it is taken as it is, even
+  // a last line without its newline (records are appended to it); only an
+  // end that another writer leaves later is looked at (writeBuffer).
+  if (error == 0) _knownEnd = st.st_size;
+  return error;
 }
 
 int LogFile::openDescriptor(struct stat& st) {
+  _knownEnd = -1;  // another writer's file, or ours after somebody else wrote
+  // Read access too, for a regular file (or a new one): a writer looks at
+  // the last byte another writer left (endsInsideLine). Anything else is
+  // opened for writing only, as the checks below expect.
   int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   struct stat entry;
-  if (::lstat(_path.c_str(), &entry) == 0) {
+  const bool exists = ::lstat(_path.c_str(), &entry) == 0;
+  if (!exists || S_ISREG(entry.st_mode)) flags = (flags & ~O_WRONLY) | O_RDWR;
+  if (exists) {
     // In a directory where anybody may plant entries, only follow what this
     // user or root put there: a symlink of another user could point our
     // records into a file of its choice, a FIFO could block or spy.
@@ -240,6 +253,10 @@ int LogFile::openDescriptor(struct stat& st) {
     flags |= O_NOFOLLOW;  // a symlink planted between the check and the open is refused
   }
   int fd = ::open(_path.c_str(), flags, 0666);
+  if (fd < 0 && errno == EACCES && (flags & O_RDWR) != 0) {
+    flags = (flags & ~O_RDWR) | O_WRONLY;  // a file we may append to but not read
+    fd = ::open(_path.c_str(), flags, 0666);
+  }
   if (fd < 0 && errno == ENOENT && (flags & O_CREAT) == 0) {
     fd = ::open(_path.c_str(), flags | O_CREAT, 0666);  // it went away meanwhile
   }
@@ -350,11 +367,29 @@ bool LogFile::flush() {
   return written;
 }
 
+bool LogFile::endsInsideLine(int fd, off_t size) const {
+  if (size <= 0) return false;
+  char last = '\n';
+  for (;;) {
+    const ssize_t got = ::pread(fd, &last, 1, size - 1);
+    if (got == 1) return last != '\n';
+    if (got < 0 && errno == EINTR) continue;
+    return false;  // not readable (a file we may only append to): not known
+  }
+}
+
 bool LogFile::writeBuffer(off_t size, bool locked) {
   const int fd = _fd.load(std::memory_order_relaxed);
   _writing.store(true, std::memory_order_relaxed);
   bool ok = true;
   off_t end = size;  // where the file ends, as far as this writer knows
+  // Another writer wrote since we last did, and its last record is cut (a
+  // writer killed in the middle of its write(2), which no lock can take
+  // back): our records start on a fresh line.
+  if (!_needNewline && size != _knownEnd && endsInsideLine(fd, size)) {
+    _needNewline = true;
+    _cutFile = identityOfDescriptor();
+  }
   for (;;) {
     const size_t length = _length.load(std::memory_order_relaxed);
     // The file ends inside a record of ours (a short write we could not
@@ -401,7 +436,9 @@ bool LogFile::writeBuffer(off_t size, bool locked) {
         // piece stays, and this writer's next write starts on a fresh line.
         const off_t whole = end - static_cast<off_t>(took - boundary);
         struct stat st;
-        if (!(locked && statDescriptor(st) && st.st_size == end && ::ftruncate(fd, whole) == 0)) {
+        if (locked && statDescriptor(st) && st.st_size == end && ::ftruncate(fd, whole) == 0) {
+          end = whole;
+        } else {
           _needNewline = true;
           _cutFile = identityOfDescriptor();
         }
@@ -417,6 +454,7 @@ bool LogFile::writeBuffer(off_t size, bool locked) {
     _length.store(length - boundary, std::memory_order_release);
   }
   _writing.store(false, std::memory_order_relaxed);
+  _knownEnd = end;
   if (!ok) return false;
   if (_failing) {
     _failing = false;
@@ -434,6 +472,7 @@ bool LogFile::writeBuffer(off_t size, bool locked) {
       record[length++] = '\n';
       if (writeSome(fd, record, length) == static_cast<ssize_t>(length)) {
         _dropped = 0;
+        _knownEnd += static_cast<off_t>(length);
       } else {
         _failing = true;  // try again with the next write
       }
@@ -495,6 +534,12 @@ int LogFile::reopen() {
   const int old = _fd.exchange(-1, std::memory_order_relaxed);
   if (mine.valid && old >= 0) ::close(old);
   return openDescriptor();
+}
+
+bool LogFile::mayRenameLivePath() const {
+  if (!_closedFile.valid) return true;  // no file of ours to tell apart
+  struct stat st;
+  return ::stat(_path.c_str(), &st) != 0 || _closedFile.is(st);
 }
 
 void LogFile::noteRotated(const std::string& target) {

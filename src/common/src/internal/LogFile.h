@@ -175,6 +175,12 @@ class LogFile {
   // Closes the descriptor and opens the live path again, keeping the buffer.
   // Returns 0 or the errno of the failed open.
   int reopen();
+  // Whether the rotation may rename the live path: false when it names a
+  // file other than the one this process had open until the rotation closed
+  // it (a tool renamed ours away and another writer started a new one
+  // meanwhile). That file is then left where it is and appended to: renamed
+  // into a numbered slot it would look like a full rotation of ours.
+  bool mayRenameLivePath() const;
   // Called after the rotation renamed the live path to `target`: the
   // numbered file counts as this process's own only when it is the file
   // this process had open until the rotation closed it (same device and
@@ -235,6 +241,9 @@ class LogFile {
   // fstat of the descriptor; false when it fails.
   bool statDescriptor(struct stat& st) const;
   FileIdentity identityOfDescriptor() const;
+  // Whether the file, `size` bytes long, ends inside a line; false when it
+  // cannot be read.
+  bool endsInsideLine(int fd, off_t size) const;
   // Writes the buffer (and the dropped-records notice) to the descriptor of
   // a file `size` bytes long. `locked`: this process holds the directory
   // lock, so a record cut by a short write can be taken back from the end.
@@ -258,7 +267,8 @@ class LogFile {
   std::atomic<size_t> _length;       // bytes of whole records buffered
   std::atomic<bool> _writing;        // a write of the buffer is under way
   struct timeval _oldest;            // when the oldest buffered record was made
-  bool _needNewline;                 // a short write of ours left _cutFile inside a record
+  bool _needNewline;                 // _cutFile ends inside a record: the next write starts a fresh line
+  off_t _knownEnd;                   // the file's size after this writer's last write; -1: unknown
   bool _failing;                     // writes are failing; said once on stderr
   uint64_t _dropped;                 // records dropped while failing
   uint64_t _missed;                  // records sent to stderr or dropped since takeAllWritten()
