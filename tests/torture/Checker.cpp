@@ -281,6 +281,21 @@ Parsed classify(const std::string& line) {
   return parsed;
 }
 
+// The processes whose records a glued line holds parts of, and whether
+// they were killed (a SIGKILL can cut a write short too).
+std::string whoseParts(const std::string& line, const std::map<unsigned, Journal>& journals) {
+  std::string who;
+  for (size_t at = line.find("ZT "); at != std::string::npos; at = line.find("ZT ", at + 1)) {
+    RecordId r;
+    if (!readRecordNumbers(line, at, r)) continue;
+    auto j = journals.find(r.id);
+    who += who.empty() ? "\n    parts of: " : "; ";
+    who += "process " + std::to_string(r.id) + " thread " + std::to_string(r.thread) + " seq " + std::to_string(r.seq);
+    if (j != journals.end()) who += j->second.killed ? " (killed)" : (j->second.failedWrite ? " (failed writes)" : "");
+  }
+  return who;
+}
+
 std::string recordName(const RecordId& r) {
   char text[96];
   std::snprintf(text, sizeof(text), "record %u/%u/%llu (process %u, pid %ld, thread %u, seq %llu)", r.id, r.thread,
@@ -395,6 +410,38 @@ CheckFigures checkRun(const Layout& layout, const std::set<long>& hungPids, Viol
     });
   }
 
+  // Standard error of every logging process: records that could not go to
+  // a file, and the library's own messages.
+  for (const std::string& name : listDir(layout.stderrs)) {
+    const unsigned id = static_cast<unsigned>(std::strtoul(name.c_str(), nullptr, 10));
+    for (const std::string& line : splitLines(readFile(layout.stderrs + "/" + name))) {
+      const Parsed parsed = classify(line);
+      if (parsed.kind == LineKind::Record) {
+        Stream& s = streams[{parsed.record.id, parsed.record.thread}];
+        s.grow(parsed.record.seq);
+        if (s.inStderr[parsed.record.seq] < 255) ++s.inStderr[parsed.record.seq];
+        ++figures.onStderr;
+        continue;
+      }
+      std::string kind;
+      if (line.find("Failed to write log file") != std::string::npos) {
+        kind = "Failed to write log file";
+        auto j = journals.find(id);
+        if (j != journals.end()) j->second.failedWrite = true;
+      } else if (line.find("stays locked by another process") != std::string::npos) {
+        kind = "Logging directory ... stays locked by another process";
+      } else if (line.empty()) {
+        continue;
+      } else {
+        kind = line.substr(0, std::min<size_t>(line.size(), 90));
+        // Numbers vary from line to line; keep one entry per message.
+        for (char& c : kind)
+          if (isDigit(c)) c = '#';
+      }
+      if (figures.stderrMessages.size() < 40 || figures.stderrMessages.count(kind) != 0) ++figures.stderrMessages[kind];
+    }
+  }
+
   // The log files.
   const std::vector<LogFileEntry> files = logFiles(layout, figures.directories);
   figures.files = files.size();
@@ -421,7 +468,7 @@ CheckFigures checkRun(const Layout& layout, const std::set<long>& hungPids, Viol
           figures.notices += parsed.dropped;
           continue;
         case LineKind::Glued:
-          violations.add("a line holds parts of two records", where + ": " + shortLine(line));
+          violations.add("a line holds parts of two records", where + ": " + shortLine(line) + whoseParts(line, journals));
           continue;
         case LineKind::Foreign:
           violations.add("a line is no record", where + ": " + shortLine(line));
@@ -472,38 +519,6 @@ CheckFigures checkRun(const Layout& layout, const std::set<long>& hungPids, Viol
     }
   }
 
-  // Standard error of every logging process: records that could not go to
-  // a file, and the library's own messages.
-  for (const std::string& name : listDir(layout.stderrs)) {
-    const unsigned id = static_cast<unsigned>(std::strtoul(name.c_str(), nullptr, 10));
-    for (const std::string& line : splitLines(readFile(layout.stderrs + "/" + name))) {
-      const Parsed parsed = classify(line);
-      if (parsed.kind == LineKind::Record) {
-        Stream& s = streams[{parsed.record.id, parsed.record.thread}];
-        s.grow(parsed.record.seq);
-        if (s.inStderr[parsed.record.seq] < 255) ++s.inStderr[parsed.record.seq];
-        ++figures.onStderr;
-        continue;
-      }
-      std::string kind;
-      if (line.find("Failed to write log file") != std::string::npos) {
-        kind = "Failed to write log file";
-        auto j = journals.find(id);
-        if (j != journals.end()) j->second.failedWrite = true;
-      } else if (line.find("stays locked by another process") != std::string::npos) {
-        kind = "Logging directory ... stays locked by another process";
-      } else if (line.empty()) {
-        continue;
-      } else {
-        kind = line.substr(0, std::min<size_t>(line.size(), 90));
-        // Numbers vary from line to line; keep one entry per message.
-        for (char& c : kind)
-          if (isDigit(c)) c = '#';
-      }
-      if (figures.stderrMessages.size() < 40 || figures.stderrMessages.count(kind) != 0) ++figures.stderrMessages[kind];
-    }
-  }
-
   // Every stream, record by record.
   unsigned long long exactMissing = 0;  // must be matched by the notices
   unsigned long long slack = 0;         // may be (a killed process that failed writes)
@@ -540,13 +555,13 @@ CheckFigures checkRun(const Layout& layout, const std::set<long>& hungPids, Viol
       if (!j.killed) {
         exactMissing += count;
         if (hole && !j.failedWrite)
-          violations.add("a hole in the records of a process that never failed a write", what);
+          violations.add("records missing before later ones of their thread, in a process that never failed a write", what);
       } else if (hole) {
         if (j.failedWrite) {
           slack += count;
         } else {
           exactMissing += count;
-          violations.add("a hole in the records of a process that never failed a write", what);
+          violations.add("records missing before later ones of their thread, in a process that never failed a write", what);
         }
       } else if (j.failedWrite) {
         slack += count;  // dropped and counted before the kill, or still buffered

@@ -60,7 +60,9 @@ const int64_t kQuietMicros = 3000000;
 // How long the writers may take to stop after the run's end, and how long
 // logging children may still need after that, before they count as hung.
 const int64_t kStopGraceMicros = 30000000;
-const int64_t kChildGraceMicros = 10000000;
+const int64_t kChildGraceMicros = 5000000;
+// Stacks are printed for this many hung processes; the rest are only listed.
+const int kMaxStacks = 3;
 // The tmpfs's size when it is not being filled: far beyond what a run writes.
 const unsigned long long kRoomyFs = 8ull << 30;
 const unsigned kMaxWriters = 6;
@@ -740,7 +742,17 @@ void Supervisor::finishProcesses() {
     if (!waiting || monotonicMicros() >= childrenBy || gInterrupted) break;
     sleepMicros(50000);
   }
-  // What is left has hung.
+  // What is left has hung. Logging children are named by their journals.
+  std::map<long, std::string> named;
+  for (const std::string& name : listDir(_layout.journals)) {
+    std::istringstream first(readFile(_layout.journals + "/" + name));
+    std::string kind, role;
+    unsigned id = 0, parent = 0;
+    long pid = 0;
+    first >> kind >> id >> pid >> role >> parent;
+    if (kind == "P" && role == "C") named[pid] = "child " + std::to_string(id) + " of writer " + std::to_string(parent);
+  }
+  int stacks = 0;
   for (const ProcInfo& p : descendants()) {
     if (p.comm == "zt-sleeper" || p.comm == "zt-holder" || gInterrupted) continue;
     const long ticks = sysconf(_SC_CLK_TCK);
@@ -749,10 +761,11 @@ void Supervisor::finishProcesses() {
     std::string what = p.comm == "zt-writer" ? "writer" : (p.comm == "zt-child" ? "forked child" : p.comm);
     for (const Writer& w : _writers)
       if (w.pid == p.pid) what = "writer " + std::to_string(w.id);
+    if (named.count(p.pid) != 0) what = "forked " + named[p.pid];
     char head[256];
     std::snprintf(head, sizeof(head), "%s, pid %ld, still running %.1f s after its start (the run ended %.1f s ago)",
                   what.c_str(), p.pid, age, static_cast<double>(monotonicMicros() - _until) / 1e6);
-    _violations.add("a process hung", std::string(head) + "\n" + stacksOf(p.pid));
+    _violations.add("a process hung", std::string(head) + (stacks++ < kMaxStacks ? "\n" + stacksOf(p.pid) : ""));
     _hung.insert(p.pid);
   }
   for (int round = 0; round < 50; ++round) {

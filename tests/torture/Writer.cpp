@@ -164,7 +164,10 @@ class Writer {
       }
       _process.logBatch(thread, seq, static_cast<unsigned>(rng.between(1, 64)));
       if (rng.chance(70)) _process.flush(thread);
-      if (rng.chance(20)) sleepMicros(static_cast<int64_t>(rng.between(0, 3000)));
+      // About a thousand records a second per thread, in bursts: enough to
+      // rotate the 64 KiB files several times a second, little enough that
+      // a run's files stay far below the memory of the machine.
+      if (rng.chance(90)) sleepMicros(static_cast<int64_t>(rng.between(2000, 60000)));
     }
     _process.logBatch(thread, seq, static_cast<unsigned>(rng.between(1, 64)));
     _process.flush(thread);
