@@ -859,7 +859,7 @@ int Supervisor::run() {
   const CheckFigures figures = checkRun(_layout, _hung, _violations);
 
   std::printf("zel_torture: %u writers (%u killed, %u of them while holding the directory lock), %zu logging "
-              "processes with children, %zu killed or hung\n",
+              "processes (writers and logging children), %zu of them killed or hung\n",
               _nextWriterId - 1, _kills, _killsHolding, figures.processes, figures.killedProcesses);
   std::printf("zel_torture: faults: %u rename bursts (%u renames), %u directory replacements, %u lock holds, "
               "lock held for good %.0f s, %u full disks\n",
