@@ -449,7 +449,10 @@ bool Supervisor::setUp() {
     std::fprintf(stderr, "zel_torture: cannot make a directory in %s: %s\n", base.c_str(), std::strerror(errno));
     return false;
   }
-  _layout = Layout(buffer.data());
+  // Absolute, so that the writers' TMPDIR does not depend on where they run.
+  char* absolute = ::realpath(buffer.data(), nullptr);
+  _layout = Layout(absolute != nullptr ? absolute : buffer.data());
+  std::free(absolute);
   for (const std::string& dir : {_layout.fs, _layout.journals, _layout.stderrs}) {
     if (::mkdir(dir.c_str(), 0755) != 0) {
       std::fprintf(stderr, "zel_torture: mkdir %s: %s\n", dir.c_str(), std::strerror(errno));
