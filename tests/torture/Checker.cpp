@@ -445,6 +445,8 @@ CheckFigures checkRun(const Layout& layout, const std::set<long>& hungPids, Viol
   // The log files.
   const std::vector<LogFileEntry> files = logFiles(layout, figures.directories);
   figures.files = files.size();
+  std::set<std::pair<StreamKey, size_t>> reportedOrder;   // (thread, file) with an order break reported
+  std::set<std::pair<StreamKey, size_t>> reportedAcross;
   std::map<StreamKey, std::pair<uint64_t, size_t>> acrossFiles;  // newest seq of each thread in the older ordered files, and its file
   for (size_t f = 0; f < files.size(); ++f) {
     const std::string text = readFile(files[f].path);
@@ -494,7 +496,9 @@ CheckFigures checkRun(const Layout& layout, const std::set<long>& hungPids, Viol
       }
       if (s.inFiles[r.seq] < 255) ++s.inFiles[r.seq];
       auto last = inThisFile.find(key);
-      if (last != inThisFile.end() && r.seq <= last->second) {
+      // One report per thread and file: a misplaced block of records
+      // otherwise yields one line per record.
+      if (last != inThisFile.end() && r.seq <= last->second && reportedOrder.insert(std::make_pair(key, f)).second) {
         violations.add("records out of their thread's order",
                        recordName(r) + " after seq " + std::to_string(last->second) + " in " + where);
       }
@@ -504,7 +508,8 @@ CheckFigures checkRun(const Layout& layout, const std::set<long>& hungPids, Viol
       // the numbered files it rotated meanwhile.
       if (files[f].ordered && !journal->second.toggler && !journal->second.child) {
         auto before = acrossFiles.find(key);
-        if (before != acrossFiles.end() && r.seq <= before->second.first) {
+        if (before != acrossFiles.end() && r.seq <= before->second.first &&
+            reportedAcross.insert(std::make_pair(key, f)).second) {
           violations.add("records out of their thread's order across rotated files",
                          recordName(r) + " in " + where + " comes after seq " + std::to_string(before->second.first) +
                              " in the older " + files[before->second.second].name);
