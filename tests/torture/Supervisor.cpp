@@ -6,7 +6,7 @@
 // processes (this program again, exec'd in writer mode: threads that log
 // numbered records through the logging wrapper into one log directory,
 // fork children and switch the file name). While they write, it applies the
-// schedule: SIGKILLs writers (most often while they hold the directory
+// schedule: SIGKILLs writers (all but the first two, most often while they hold the directory
 // lock), renames the live file from outside, moves the log directory away
 // and makes it again, holds the directory lock for a while or for good,
 // fills the log file system and frees it again. At the end it waits for
@@ -354,6 +354,11 @@ std::string stacksOf(long pid) {
 
 // ---- the supervisor ------------------------------------------------------------
 
+// The first writers of a run are never killed: a fault such as a lock
+// pinned by a dead writer's child only loses records in writers that live
+// long enough to give up waiting for the lock.
+const unsigned kLastImmortalWriter = 2;
+
 struct Writer {
   unsigned id;
   long pid;
@@ -553,7 +558,7 @@ bool Supervisor::holdsDirectoryLock(long pid) {
 void Supervisor::killWriter(const Event& e) {
   std::vector<Writer*> alive;
   for (Writer& w : _writers)
-    if (!w.exited && !w.killed) alive.push_back(&w);
+    if (!w.exited && !w.killed && w.id > kLastImmortalWriter) alive.push_back(&w);
   if (alive.empty()) return;
   Writer& victim = *alive[e.a % alive.size()];
   bool holding = false;
