@@ -6,10 +6,10 @@
 // processes (this program again, exec'd in writer mode: threads that log
 // numbered records through the logging wrapper into one log directory,
 // fork children and switch the file name). While they write, it applies the
-// schedule: SIGKILLs writers (all but the first two, most often while they hold the directory
-// lock), renames the live file from outside, moves the log directory away
-// and makes it again, holds the directory lock for a while or for good,
-// fills the log file system and frees it again. At the end it waits for
+// schedule: SIGKILLs writers (all but the first two, most often while they
+// hold the directory lock), renames the live file from outside, moves the
+// log directory away and makes it again, holds the directory lock for a
+// while or for good, fills the log file system and frees it again. At the end it waits for
 // every process (a process that does not end is a hang: its stacks are
 // printed when gdb is there), then checks the invariants (Checker.h) over
 // every file and prints each broken one with concrete record ids and the
