@@ -12,6 +12,10 @@
 #   ./dev.sh sanitize        ASan+UBSan over the whole suite, TSan over the
 #                    threaded tests
 #   ./dev.sh fuzz [SECONDS]  run every libFuzzer target (default 60 s each)
+#   ./dev.sh torture [SECONDS] [SEED]  seeded torture run of the shared log
+#                    file (default 60 s, a new seed, printed)
+#   ./dev.sh torture-ci      the CI's torture runs: fixed seeds and one new
+#                    seed, about three minutes in all
 #
 # Each command installs missing Debian packages with apt-get (run as root or
 # with sudo available), then configures, builds and tests through the CMake
@@ -155,6 +159,43 @@ cmd_fuzz() {
   [ "$failed" -eq 0 ]
 }
 
+# ./dev.sh torture [SECONDS] [SEED]: builds zel_torture (dev preset) and runs
+# it once: writer processes with threads log into one directory while faults
+# from the seed's schedule hit them (kills, forks, outside renames, a
+# replaced directory, a held directory lock, a full disk as root); then
+# every record is checked. A failure prints the seed and the broken
+# invariant with record ids; `./dev.sh torture SECONDS SEED` replays it.
+# More options (one fault alone, --keep): build/dev/tests/torture/zel_torture --help.
+cmd_torture() {
+  local seconds=${1:-60} seed=${2:-}
+  ensure_packages "${BASE_PACKAGES[@]}" gdb
+  configure_and_build dev zel_torture
+  ./build/dev/tests/torture/zel_torture --seconds "$seconds" ${seed:+--seed "$seed"}
+}
+
+# ./dev.sh torture-ci: the torture runs of CI, about three minutes: three
+# fixed seeds of 35 s, then one of 45 s with a new seed (printed, so that a
+# failure can be replayed). All run even when one fails; the command fails
+# if any did.
+TORTURE_CI_SEEDS=(1 2 3)
+cmd_torture_ci() {
+  ensure_packages "${BASE_PACKAGES[@]}" gdb
+  configure_and_build dev zel_torture
+  local failed=() seed
+  for seed in "${TORTURE_CI_SEEDS[@]}"; do
+    log "torture: seed $seed, 35 s"
+    ./build/dev/tests/torture/zel_torture --seconds 35 --seed "$seed" || failed+=("$seed")
+  done
+  seed=$(od -An -N6 -tu8 /dev/urandom | tr -d ' ')
+  log "torture: new seed $seed, 45 s"
+  ./build/dev/tests/torture/zel_torture --seconds 45 --seed "$seed" || failed+=("$seed")
+  if [ ${#failed[@]} -gt 0 ]; then
+    printf 'torture: FAILED for seed(s) %s (replay: ./dev.sh torture SECONDS SEED)\n' "${failed[*]}"
+    return 1
+  fi
+  printf 'torture: %d runs, every invariant held\n' $((${#TORTURE_CI_SEEDS[@]} + 1))
+}
+
 case "${1:-}" in
   demo) cmd_demo ;;
   test) cmd_test ;;
@@ -162,6 +203,8 @@ case "${1:-}" in
   package-check) cmd_package_check ;;
   sanitize) cmd_sanitize ;;
   fuzz) shift; cmd_fuzz "$@" ;;
+  torture) shift; cmd_torture "$@" ;;
+  torture-ci) cmd_torture_ci ;;
   *)
     awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"
     exit 2
