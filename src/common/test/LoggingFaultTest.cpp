@@ -547,6 +547,31 @@ TEST_F(LoggingFaultTest, FileAnotherWriterStartedDuringARotationIsNeverRenamedOr
   survived();
 }
 
+// Our file is over the limit (another writer's records grew it) while some
+// of ours are buffered, and a tool moves it away just as the rotation
+// starts: the records buffered go to a fresh live file, which is not the
+// file the rotation was for, so it is not renamed into a numbered slot (and
+// so never taken for a not-full file of ours and replaced later).
+TEST_F(LoggingFaultTest, LiveFileMovedAwayAsTheRotationStartsLosesNoBufferedRecord) {
+  LoggingWrapper* w = smallWrapper(1000, 100);
+  for (int n = 1; n <= 3; ++n) writeRecord(w, n);  // buffered
+  const std::string live = liveFile();
+  const std::string moved = tmp.file("moved-away.log");
+  ZelTest::writeFile(live, std::string(1200, 'o') + "\n");  // another writer's record
+  ZelFault::before(Call::Fstat, [live, moved] { (void)std::rename(live.c_str(), moved.c_str()); });
+  writeRecord(w, 4);  // its size check finds our file over the limit
+  EXPECT_FALSE(fileExists(tmp.file("zel.log.1")));
+  int n = 5;
+  while (!fileExists(tmp.file("zel.log.2"))) w->log_printf("faulty", 2, 1, "%s", recordText(n++).c_str());
+  ZelTest::closeWrapperFile(w);
+  std::string all;
+  for (const std::string& name : ZelTest::listDir(tmp.path())) all += readFile(tmp.file(name));
+  for (int k = 1; k <= 4; ++k) EXPECT_TRUE(holdsRecord(all, k)) << k;
+  for (int k = 5; k < n; ++k)
+    EXPECT_EQ(1u, countOf(all, " CR faulty                    " + recordText(k) + "\n")) << k;
+  survived();
+}
+
 TEST_F(LoggingFaultTest, WriteLimitBelowTheRotationLimitIsSaidOnceAndTheDroppedRecordsAreCountedInTheFile) {
   EXPECT_EXIT(writeLimitBelowRotationChild(tmp.path()), ::testing::ExitedWithCode(0), "");
   survived();

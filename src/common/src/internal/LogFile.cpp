@@ -283,10 +283,12 @@ int LogFile::openDescriptor(struct stat& st) {
 
 int LogFile::close() {
   if (!isOpen()) return 0;
-  (void)flush();  // what cannot be written stays buffered for the next open
   // Remembered for the rotation that may follow: it renames the live path,
-  // and the numbered file is this process's own only if this was it.
+  // and the numbered file is this process's own only if this was it. Taken
+  // before the flush, which may move to a new live file (ours was renamed
+  // away or deleted): that one is not the file the rotation was for.
   _closedFile = identityOfDescriptor();
+  (void)flush();  // what cannot be written stays buffered for the next open
   const int fd = _fd.exchange(-1, std::memory_order_relaxed);
   if (fd < 0) return 0;
   return ::close(fd) == 0 ? 0 : errno;
