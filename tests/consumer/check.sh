@@ -443,6 +443,8 @@ check "no path of this machine in the HTML" bash -c "! grep -rl -e '$WORK' -e '$
 check "the main page is the README" bash -c "grep -q \"is the C++ utility library that every process\" '$HTML/index.html' && grep -q \"Quick start\" '$HTML/index.html'"
 check "class pages name the header as <zel/...>" bash -c \
   "grep -q '#include &lt;<a [^>]*>zel/LoggingWrapper.h</a>&gt;' '$HTML/classZel_1_1LoggingWrapper.html' && ! grep -l '#include &lt;<a [^>]*>[A-Za-z]*\\.h</a>&gt;' '$HTML'/class*.html"
+check "Markdown renders: code spans in the class pages, no literal backquote" bash -c \
+  "grep -q '<code>' '$HTML/classZel_1_1LoggingWrapper.html' && ! grep -l '\`' '$HTML'/class*.html '$HTML'/*_8h.html"
 check "no literal /// in the rendered pages" bash -c "! grep -l '///' '$HTML'/*.html"
 check "private members left out" bash -c "! grep -lE '_vekLevel|_vekDebugLevel|Private (Member|Attributes)' \$(ls '$HTML'/*.html | grep -v _source.html)"
 
