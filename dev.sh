@@ -83,7 +83,7 @@ cmd_bench() {
 # API documentation (identical HTML from two build directories). Prints the
 # time of each step. See tests/consumer/check.sh.
 cmd_package_check() {
-  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev debhelper file doxygen lintian
+  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev debhelper file doxygen lintian abigail-tools
   JOBS=$JOBS bash tests/consumer/check.sh "$PWD/build/package-check"
 }
 

@@ -384,6 +384,45 @@ check "binaries stripped, their debug information in the -dbgsym packages" bash 
    test -n \"\$id\" && readelf -S '$DEBROOT/usr/lib/debug/.build-id/'\${id:0:2}/\${id:2}.debug | grep -q '\\.debug_info'"
 check "no RPATH in the packaged binaries" bash -c "! readelf -d '$DEBROOT/usr/bin/zel' '$PKG_LIB' | grep -Eq 'RPATH|RUNPATH'"
 
+step "ABI: types and layout against the stored baseline (abidiff)"
+# debian/abi/libzel_common.so.MAJOR.abi.xz is the ABI of the last release as
+# abidw describes it (public headers' types only, from the -dbgsym debug
+# information): functions, variables and the layout of every class and
+# record they use. A removed or changed symbol, a class grown, shrunk or
+# re-ordered fails; additions do not. ZEL_UPDATE_ABI_BASELINE=1 writes the
+# baseline from this build instead (after a release, or with a new major).
+BASELINE=$ROOT/debian/abi/libzel_common.so.$MAJOR.abi.xz
+abidw_package() {
+  abidw --no-corpus-path --drop-private-types --headers-dir "$DEBROOT/usr/include/zel" \
+    --debug-info-dir "$DEBROOT/usr/lib/debug" "$PKG_LIB"
+}
+abidiff_package() {
+  abidiff --no-added-syms --drop-private-types --headers-dir2 "$DEBROOT/usr/include/zel" \
+    --debug-info-dir2 "$DEBROOT/usr/lib/debug" "$1" "$PKG_LIB"
+}
+if [ "${ZEL_UPDATE_ABI_BASELINE:-0}" = 1 ]; then
+  mkdir -p "$(dirname "$BASELINE")"
+  must "write the ABI baseline $BASELINE" bash -c "$(declare -f abidw_package); DEBROOT='$DEBROOT' PKG_LIB='$PKG_LIB' abidw_package | xz -9 >'$BASELINE'"
+fi
+must "ABI baseline present ($(basename "$BASELINE"))" test -s "$BASELINE"
+xz -dc "$BASELINE" >"$WORK/baseline.abi"
+check "abidiff: nothing removed or changed since the baseline" abidiff_package "$WORK/baseline.abi"
+# The same check against a baseline whose Zel::Clock was one member larger
+# must fail: a layout change is caught, not only a symbol change.
+awk '
+  /<class-decl name=.Clock. size-in-bits=.64./ { sub(/size-in-bits=.64./, "size-in-bits=\047128\047"); inClock = 1 }
+  { print }
+  inClock && /<\/data-member>/ && prev ~ /name=._value./ {
+    print "        <data-member access=\047private\047 layout-offset-in-bits=\047" 64 "\047>"
+    print "          <var-decl name=\047_grown\047 type-id=\047" typeId "\047 visibility=\047default\047/>"
+    print "        </data-member>"
+    inClock = 0
+  }
+  inClock && /name=._value./ { match($0, /type-id=.[^\047]*./); typeId = substr($0, RSTART + 9, RLENGTH - 10) }
+  { prev = $0 }' "$WORK/baseline.abi" >"$WORK/baseline-grown.abi"
+check "abidiff fails when a class's layout differs from the baseline" bash -c \
+  "! cmp -s '$WORK/baseline.abi' '$WORK/baseline-grown.abi' && $(declare -f abidiff_package); DEBROOT='$DEBROOT' PKG_LIB='$PKG_LIB'; ! abidiff_package '$WORK/baseline-grown.abi' >/dev/null"
+
 step "Debian packages: lintian -I --pedantic"
 # shellcheck disable=SC2012
 lintian -I --pedantic --allow-root "$OUT"/libzel-common_"$VERSION"_"$ARCH".changes >"$WORK/lintian.txt" 2>&1
