@@ -476,6 +476,12 @@ for n in 1 2; do
   must "docs target in build directory $n" bash -c \
     "cmake -S '$ROOT' -B '$WORK/docs-build-$n' -G Ninja -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_TOOLS=OFF -DZEL_BUILD_EXAMPLES=OFF >/dev/null && cmake --build '$WORK/docs-build-$n' --target docs"
 done
+# doxygen is looked for when the target is built, not when configuring: a
+# build directory configured before doxygen was installed has the target,
+# and without doxygen the target says what to install.
+check "docs target without doxygen says what to install" bash -c \
+  "! env PATH=/nonexistent '$(command -v cmake)' -DZEL_DOCS_OUTPUT='$WORK/nodoxygen' -DZEL_HEADERS= -P '$ROOT/cmake/ZelRunDoxygen.cmake' 2>'$WORK/nodoxygen.err' &&
+   grep -q 'apt-get' '$WORK/nodoxygen.err' && grep -q 'install doxygen' '$WORK/nodoxygen.err'"
 check "two builds in two directories give identical HTML" diff -r "$WORK/docs-build-1/docs/html" "$WORK/docs-build-2/docs/html"
 check "the packaged HTML is the same HTML" diff -r "$WORK/docs-build-1/docs/html" "$HTML"
 check "no path of this machine in the HTML" bash -c "! grep -rl -e '$WORK' -e '$ROOT' -e '$SRC' '$HTML'"
