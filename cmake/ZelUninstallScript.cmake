@@ -1,9 +1,8 @@
 # Run by the `uninstall` target (cmake -DZEL_MANIFEST=... -P): removes the
 # files of an install manifest, then the directories of the project's own
 # (include/zel, lib/.../cmake/ZelCommon, share/doc/ZelCommon and what is below
-# them: any directory with a component named zel or ZelCommon) that are left
-# empty, deepest first. Shared directories such as bin/ or lib/ stay, even
-# when empty: other software may expect them.
+# them) that are left empty, deepest first. Shared directories such as bin/
+# or lib/ stay, even when empty: other software may expect them.
 if(NOT EXISTS "${ZEL_MANIFEST}")
   message(FATAL_ERROR "Nothing to uninstall: ${ZEL_MANIFEST} does not exist (run cmake --install first).")
 endif()
@@ -18,7 +17,7 @@ foreach(file IN LISTS files)
     endif()
   endif()
   get_filename_component(dir "${file}" DIRECTORY)
-  while(dir MATCHES "/(zel|ZelCommon)(/|$)")
+  while(dir MATCHES "/(include/zel|cmake/ZelCommon|doc/ZelCommon)(/.*)?$")
     list(APPEND dirs "${dir}")
     get_filename_component(dir "${dir}" DIRECTORY)
   endwhile()
