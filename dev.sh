@@ -6,9 +6,10 @@
 #   ./dev.sh test    install what is missing, build and run the whole test suite
 #   ./dev.sh bench   build the benchmarks (with peer libraries) and print a
 #                    table of records/s and ratios to log_printf
-#   ./dev.sh package-check   install into a temp prefix, build a consumer both
-#                    ways (CMake package, pkg-config), build and check the .debs
-#                    (lintian: any error fails) and the API documentation
+#   ./dev.sh package-check   install the `install` preset into a temp prefix,
+#                    build consumers and the examples against it, check the ABI
+#                    against the symbols file, build the Debian packages with
+#                    dpkg-buildpackage, lintian them, check the API documentation
 #   ./dev.sh sanitize        ASan+UBSan over the whole suite, TSan over the
 #                    threaded tests
 #   ./dev.sh fuzz [SECONDS]  run every libFuzzer target (default 60 s each)
@@ -77,13 +78,16 @@ cmd_bench() {
   python3 bench/report.py build/bench/bench/zel_bench "${@}"
 }
 
-# ./dev.sh package-check: installs into a temporary prefix and builds and
-# runs a consumer through the CMake package and through pkg-config, checks
-# the exported symbols, makes and checks the Debian packages
-# (build/package-check/*.deb, lintian included: any error fails) and the API
-# documentation (build/package-check/docs/html). See tests/consumer/check.sh.
+# ./dev.sh package-check: installs the `install` preset into a temporary
+# prefix and builds and runs consumers through the CMake package and through
+# pkg-config and the examples copied out of the tree, checks the exported
+# symbols and the ABI (debian/libzel-common1.symbols), builds the source and
+# binary Debian packages with dpkg-buildpackage (copied to
+# build/package-check/), runs lintian -I --pedantic on them and checks the
+# API documentation (identical HTML from two build directories). Prints the
+# time of each step. See tests/consumer/check.sh.
 cmd_package_check() {
-  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev file doxygen lintian
+  ensure_packages "${BASE_PACKAGES[@]}" dpkg-dev debhelper file doxygen lintian abigail-tools
   JOBS=$JOBS bash tests/consumer/check.sh "$PWD/build/package-check"
 }
 

@@ -4,32 +4,35 @@
 # input filter cmake/doxygen-comments.awk hands them to doxygen as
 # documentation comments.
 #
+# The target always exists; doxygen is looked for when it is built
+# (cmake/ZelRunDoxygen.cmake), so installing doxygen after configuring is
+# enough, and without it the target fails saying what to install.
+#
 # With ZEL_INSTALL_API_DOCS the HTML is built with the default target and
-# installed (development component, i.e. the -dev package) into
-# share/doc/libzel-common-dev/html.
+# installed (development component) into <docdir>/html: share/doc/ZelCommon
+# by default, the -dev package's documentation directory in the Debian
+# packages.
 option(ZEL_INSTALL_API_DOCS "Build the API documentation with the library and install it" OFF)
-find_package(Doxygen QUIET)
-if(DOXYGEN_FOUND)
-  set(ZEL_DOCS_OUTPUT ${CMAKE_BINARY_DIR}/docs)
-  find_program(ZEL_AWK NAMES awk mawk gawk REQUIRED)
-  configure_file(${CMAKE_CURRENT_LIST_DIR}/Doxyfile.in ${ZEL_DOCS_OUTPUT}/Doxyfile @ONLY)
-  file(GLOB ZEL_DOCS_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/common/include/zel/*.h)
-  add_custom_command(
-    OUTPUT ${ZEL_DOCS_OUTPUT}/html/index.html
-    COMMAND ${CMAKE_COMMAND} -E rm -rf ${ZEL_DOCS_OUTPUT}/html
-    COMMAND ${DOXYGEN_EXECUTABLE} ${ZEL_DOCS_OUTPUT}/Doxyfile
-    DEPENDS ${ZEL_DOCS_HEADERS} ${PROJECT_SOURCE_DIR}/README.md ${ZEL_DOCS_OUTPUT}/Doxyfile ${CMAKE_CURRENT_LIST_DIR}/doxygen-comments.awk
-    WORKING_DIRECTORY ${ZEL_DOCS_OUTPUT}
-    COMMENT "Generating the API documentation in ${ZEL_DOCS_OUTPUT}/html"
-    VERBATIM)
-  if(ZEL_INSTALL_API_DOCS)
-    add_custom_target(docs ALL DEPENDS ${ZEL_DOCS_OUTPUT}/html/index.html)
-    install(DIRECTORY ${ZEL_DOCS_OUTPUT}/html/
-      DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libzel-common-dev/html
-      COMPONENT development)
-  else()
-    add_custom_target(docs DEPENDS ${ZEL_DOCS_OUTPUT}/html/index.html)
-  endif()
-elseif(ZEL_INSTALL_API_DOCS)
-  message(FATAL_ERROR "ZEL_INSTALL_API_DOCS needs doxygen")
+set(ZEL_DOCS_OUTPUT ${CMAKE_BINARY_DIR}/docs)
+find_program(ZEL_AWK NAMES awk mawk gawk REQUIRED)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/Doxyfile.in ${ZEL_DOCS_OUTPUT}/Doxyfile @ONLY)
+file(GLOB ZEL_DOCS_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/common/include/zel/*.h)
+add_custom_command(
+  OUTPUT ${ZEL_DOCS_OUTPUT}/html/index.html
+  COMMAND ${CMAKE_COMMAND} -DZEL_DOCS_OUTPUT=${ZEL_DOCS_OUTPUT}
+    "-DZEL_HEADERS=${ZEL_DOCS_HEADERS};${ZEL_GENERATED_INCLUDEDIR}/zel/Version.h"
+    -P ${CMAKE_CURRENT_LIST_DIR}/ZelRunDoxygen.cmake
+  DEPENDS ${ZEL_DOCS_HEADERS} ${ZEL_GENERATED_INCLUDEDIR}/zel/Version.h ${PROJECT_SOURCE_DIR}/README.md
+    ${ZEL_DOCS_OUTPUT}/Doxyfile ${CMAKE_CURRENT_LIST_DIR}/doxygen-comments.awk
+    ${CMAKE_CURRENT_LIST_DIR}/ZelRunDoxygen.cmake
+  WORKING_DIRECTORY ${ZEL_DOCS_OUTPUT}
+  COMMENT "Generating the API documentation in ${ZEL_DOCS_OUTPUT}/html"
+  VERBATIM)
+if(ZEL_INSTALL_API_DOCS)
+  add_custom_target(docs ALL DEPENDS ${ZEL_DOCS_OUTPUT}/html/index.html)
+  install(DIRECTORY ${ZEL_DOCS_OUTPUT}/html/
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/html
+    COMPONENT development)
+else()
+  add_custom_target(docs DEPENDS ${ZEL_DOCS_OUTPUT}/html/index.html)
 endif()

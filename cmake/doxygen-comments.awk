@@ -20,8 +20,10 @@
 #     so the rendered example would show them;
 #   - "// --- section ---" rulers stay plain comments;
 #   - everywhere else the characters doxygen would read as commands or
-#     markup (\ @ < > & # % $) are escaped outside double quotes (doxygen
-#     takes quoted text literally), so the text appears as written.
+#     markup (\ @ < > & # % $, and * that Markdown would read as emphasis)
+#     are escaped outside double quotes (doxygen takes quoted text
+#     literally) and outside `code spans` (Markdown shows them as code, as
+#     written), so the text appears as written.
 # Works with any POSIX awk (mawk included).
 
 # Doxygen reads text between double quotes literally, so only the text
@@ -31,8 +33,10 @@ function escape(text,    out, i, c) {
   out = ""
   for (i = 1; i <= length(text); i++) {
     c = substr(text, i, 1)
-    if (c == "\"") quoted = !quoted
-    else if (!quoted && index("\\@<>&#%$", c) > 0) out = out "\\"
+    if (c == "`" && !quoted) code = !code
+    else if (code) { }
+    else if (c == "\"") quoted = !quoted
+    else if (!quoted && index("\\@<>&#%$*", c) > 0) out = out "\\"
     out = out c
   }
   return out
@@ -46,7 +50,7 @@ function flush(closeVerbatim) {
 }
 
 function emit(line) {
-  if (line !~ /^[ \t]*\/\/\/ /) quoted = 0
+  if (line !~ /^[ \t]*\/\/\/ /) { quoted = 0; code = 0 }
   flush(0)
   held = line
   haveHeld = 1
@@ -54,7 +58,7 @@ function emit(line) {
   lastWasComment = (line ~ /^[ \t]*\/\/\//)
 }
 
-BEGIN { quoted = 0; atTop = 1; inVerbatim = 0; trailingColumn = 0; haveHeld = 0; emitted = 0; lastWasComment = 0 }
+BEGIN { quoted = 0; code = 0; atTop = 1; inVerbatim = 0; trailingColumn = 0; haveHeld = 0; emitted = 0; lastWasComment = 0 }
 
 FNR == 1 {
   baseName = FILENAME

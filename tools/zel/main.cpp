@@ -7,6 +7,8 @@
 #include <iostream>
 #include <string>
 
+#include <zel/Version.h>
+
 #include "Cli.h"
 
 namespace {
@@ -61,7 +63,12 @@ int dispatch(int argc, char** argv) {
     return ZelTool::ExitOk;
   }
   if (name == "--version" || name == "-V") {
-    std::cout << "zel (libzel_common) " << ZEL_TOOL_VERSION << "\n";
+    // The version of the library loaded, which is what the tool runs on; a
+    // library other than the one the tool was built with is named as such.
+    std::cout << "zel (libzel_common) " << Zel::libraryVersion();
+    if (std::string(Zel::libraryVersion()) != ZEL_COMMON_VERSION_STRING)
+      std::cout << " (built with " << ZEL_COMMON_VERSION_STRING << ")";
+    std::cout << "\n";
     return ZelTool::ExitOk;
   }
   Command command = findCommand(name);
