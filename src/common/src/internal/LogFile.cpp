@@ -152,6 +152,7 @@ LogFile::LogFile()
       _oldest(),
       _needNewline(false),
       _knownEnd(-1),
+      _openedBefore(false),
       _failing(false),
       _dropped(0),
       _missed(0),
@@ -216,12 +217,17 @@ int LogFile::open(const std::string& path, const std::string& lockDirectory, uin
     closeDirectory();
     _lockDirectory = lockDirectory;
   }
+  const off_t previousEnd = _knownEnd;
   struct stat st;
   const int error = openDescriptor(st);
-  // What the file holds when this writer opens it is taken as it is, even
-  // a last line without its newline (records are appended to it); only an
-  // end that another writer leaves later is looked at (writeBuffer).
-  if (error == 0) _knownEnd = st.st_size;
+  // What the file holds when this writer first opens a file is taken as it
+  // is, even a last line without its newline (records are appended to it),
+  // and so is the file it just closed, opened again unchanged (a rotation
+  // that kept it); only an end that somebody leaves later is looked at
+  // (writeBuffer). Any other file opened later (set_fname back and forth, a
+  // rotation) may end in a record cut meanwhile, so it is looked at.
+  if (error == 0 && (!_openedBefore || (_closedFile.is(st) && st.st_size == previousEnd))) _knownEnd = st.st_size;
+  if (error == 0) _openedBefore = true;
   return error;
 }
 
@@ -300,7 +306,8 @@ int LogFile::closeAfterStatFailure() {
   const size_t length = _length.load(std::memory_order_relaxed);
   if (length > 0) {
     _writing.store(true, std::memory_order_relaxed);
-    (void)writeSome(fd, _buffer, length);
+    const size_t lead = _needNewline ? 1 : 0;
+    (void)writeSome(fd, _buffer - lead, length + lead);
     _length.store(0, std::memory_order_release);
     _writing.store(false, std::memory_order_relaxed);
   }

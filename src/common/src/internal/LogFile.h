@@ -269,6 +269,7 @@ class LogFile {
   struct timeval _oldest;            // when the oldest buffered record was made
   bool _needNewline;                 // _cutFile ends inside a record: the next write starts a fresh line
   off_t _knownEnd;                   // the file's size after this writer's last write; -1: unknown
+  bool _openedBefore;                // open() has succeeded once
   bool _failing;                     // writes are failing; said once on stderr
   uint64_t _dropped;                 // records dropped while failing
   uint64_t _missed;                  // records sent to stderr or dropped since takeAllWritten()
