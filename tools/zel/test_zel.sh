@@ -135,7 +135,7 @@ test_log() {
     log_is "$dir" "IN zel                       hello world"
 
   fresh_log_dir
-  expect "log -l -f" 0 "" "" -- log -l 3 -f signal "Failed to write signal. Errno 32"
+  expect "log -l -t" 0 "" "" -- log -l 3 -t signal "Failed to write signal. Errno 32"
   expect "log --level= --function=" 0 "" "" -- log --level=4 --function=main warned
   expect "log -lNAME" 0 "" "" -- log -lnotice noted
   expect "log level tag" 0 "" "" -- log -l EM emergency
@@ -158,7 +158,7 @@ test_log() {
 
   fresh_log_dir
   STDIN=$'first line\nsecond line\n\nlast line without newline'
-  expect "log reads standard input" 0 "" "" -- log -l 5 -f reader
+  expect "log reads standard input" 0 "" "" -- log -l 5 -t reader
   STDIN=""
   check "one record per input line" log_is "$dir" \
     "NO reader                    first line" \
@@ -170,9 +170,9 @@ test_log() {
   # can start a record of its own or reach a terminal showing the file.
   fresh_log_dir
   expect "forged record" 0 "" "" -- log $'first\n2026-01-01T00:00:00.000+00:00 EM kernel   forged'
-  expect "message lines" 0 "" "" -- log -f lines $'one\n\nthree\n'
+  expect "message lines" 0 "" "" -- log -t lines $'one\n\nthree\n'
   expect "control characters" 0 "" "" -- log $'bell\a cr\r esc\e[2J tab\t c1\xc2\x9b del\x7f'
-  expect "control characters in the function name" 0 "" "" -- log -f $'f\n\e' fn
+  expect "control characters in the function name" 0 "" "" -- log -t $'f\n\e' fn
   check "one harmless record per line" log_is "$dir" \
     "IN zel                       first" \
     "IN zel                       2026-01-01T00:00:00.000+00:00 EM kernel   forged" \
@@ -210,7 +210,7 @@ test_log() {
   if [ -x /usr/bin/time ]; then
     fresh_log_dir
     head -c 67108864 /dev/zero | tr '\0' 'y' >"$WORK/huge"
-    /usr/bin/time -f '%M' -o "$WORK/rss" "$ZEL" log -f huge <"$WORK/huge"
+    /usr/bin/time -f '%M' -o "$WORK/rss" "$ZEL" log -t huge <"$WORK/huge"
     check "64 MiB line read in less than 40 MiB" test "$(cat "$WORK/rss")" -lt 40960
     check "64 MiB line gives one record of 799 characters" \
       test "$(sed -E "s/^$STAMP IN huge +//" "$dir/zel.log" | tr -d '\n' | wc -c)" -eq 799
@@ -222,7 +222,7 @@ test_log() {
   fresh_log_dir
   expect "debug record dropped at the default level" 0 "" "" -- log -l debug dropped
   check "no debug record, no file" test ! -e "$dir/zel.log"
-  ZEL_LOGGING_LEVEL=8 expect "debug record" 0 "" "" -- log -l debug -f dbg $'one\ntwo'
+  ZEL_LOGGING_LEVEL=8 expect "debug record" 0 "" "" -- log -l debug -t dbg $'one\ntwo'
   ZEL_LOGGING_LEVEL=8 expect "level 8" 0 "" "" -- log -l 8 eight
   STDIN=$'in 1\nin\r2'
   ZEL_LOGGING_LEVEL=8 expect "level TR from standard input" 0 "" "" -- log --level=TR
@@ -260,7 +260,7 @@ test_log() {
   # Rotation by size, as in every process.
   fresh_log_dir
   STDIN=$(for i in $(seq 1 40); do echo "rotation record $i of forty, padded to make it longer"; done)
-  ZEL_LOGGING_FMAXSIZE=600 ZEL_LOGGING_FMAXCOUNT=3 expect "log rotates" 0 "" "" -- log -f rotate
+  ZEL_LOGGING_FMAXSIZE=600 ZEL_LOGGING_FMAXCOUNT=3 expect "log rotates" 0 "" "" -- log -t rotate
   STDIN=""
   check "live file present" test -s "$dir/zel.log"
   check "numbered files made" compgen -G "$dir/zel.log.[0-9]*" >/dev/null
@@ -269,14 +269,66 @@ test_log() {
 
   # Bad input: status 2, a message, and nothing written.
   fresh_log_dir
-  expect "level out of range" 2 "" "~zel log: invalid level '7'" -- log -l 7 x
-  expect "level 9" 2 "" "~use 0-6, 8 or emerg" -- log -l 9 x
+  expect "level out of range" 2 "" "~zel log: invalid level '70'" -- log -l 70 x
+  expect "level 9" 2 "" "~use 0-7 or emerg" -- log -l 9 x
   expect "negative level" 2 "" "~invalid level '-1'" -- log -l -1 x
   expect "non-numeric level" 2 "" "~invalid level 'loud'" -- log --level=loud x
   expect "level missing" 2 "" "~option '-l' needs a LEVEL" -- log -l
-  expect "function missing" 2 "" "~option '--function' needs a FUNCTION" -- log --function
+  expect "function missing" 2 "" "~option '--function' needs a TAG" -- log --function
   expect "unknown option" 2 "" "~unknown option '--bogus'" -- log --bogus x
   check "nothing written on bad input" test ! -e "$dir/zel.log"
+
+  # logger(1)'s options where the two tools meet.
+  fresh_log_dir
+  expect "-p LEVEL" 0 "" "" -- log -p err plain
+  expect "-p FACILITY.LEVEL" 0 "" "" -- log -p local3.warning faclevel
+  expect "-p number" 0 "" "" -- log -p 5 numeric
+  expect "-p user.4" 0 "" "" -- log -p user.4 facnumber
+  expect "--priority=" 0 "" "" -- log --priority=daemon.crit longopt
+  expect "-t TAG" 0 "" "" -- log -t myjob tagged
+  expect "--tag=" 0 "" "" -- log --tag=job2 tagged2
+  printf 'from file 1\nfrom file 2\n' >"$WORK/msg.txt"
+  expect "-f FILE" 0 "" "" -- log -t filer -f "$WORK/msg.txt"
+  STDIN=$'from stdin\n'
+  expect "-f - reads standard input" 0 "" "" -- log -t dash -f -
+  STDIN=""
+  expect "-s also to standard error" 0 "" "~tee: to both" -- log -s -t tee "to both"
+  expect "-- ends options" 0 "" "" -- log -t dd -- -p err
+  check "logger options give level, tag and lines" log_is "$dir" \
+    "ER zel                       plain" \
+    "WA zel                       faclevel" \
+    "NO zel                       numeric" \
+    "WA zel                       facnumber" \
+    "CR zel                       longopt" \
+    "IN myjob                     tagged" \
+    "IN job2                      tagged2" \
+    "IN filer                     from file 1" \
+    "IN filer                     from file 2" \
+    "IN dash                      from stdin" \
+    "IN tee                       to both" \
+    "IN dd                        -p err"
+  fresh_log_dir
+  expect "-p debug dropped at the default level" 0 "" "" -- log -p debug dropped
+  expect "-l 7 is debug, dropped at the default level" 0 "" "" -- log -l 7 dropped
+  ZEL_LOGGING_LEVEL=8 expect "-p user.debug is the debug trace" 0 "" "" -- log -p user.debug -t dbg traced
+  ZEL_LOGGING_LEVEL=8 expect "-p 7 is the debug trace" 0 "" "" -- log -p 7 -t dbg seven
+  check "debug priority writes trace records" log_is "$dir" \
+    "TR zel                     :1     - dbg                       traced" \
+    "TR zel                     :1     - dbg                       seven"
+  # The spellings the first version had for other things are gone: -f names
+  # a file, never a function, and a file that is not there is an error.
+  fresh_log_dir
+  expect "-f names a file" 2 "" "~zel log: cannot read '$WORK/no-such.txt'" -- log -f "$WORK/no-such.txt"
+  expect "-f with a message" 2 "" "~a MESSAGE and -f FILE exclude each other" -- log -f "$WORK/msg.txt" words
+  expect "-f directory" 2 "" "~not a regular file" -- log -f "$WORK"
+  expect "-p bad facility" 2 "" "~invalid priority 'nosuch.err'" -- log -p nosuch.err x
+  expect "-p bad level" 2 "" "~invalid priority 'user.loud'" -- log -p user.loud x
+  expect "-t missing" 2 "" "~option '-t' needs a TAG" -- log -t
+  expect "-p missing" 2 "" "~option '-p' needs a [FACILITY.]LEVEL" -- log -p
+  check "nothing written on bad logger options" test ! -e "$dir/zel.log"
+  fresh_log_dir
+  expect "-- logs the word show" 0 "" "" -- log -- show
+  check "the word show as a record" log_is "$dir" "IN zel                       show"
 
   TMPDIR="$WORK/does-not-exist" expect "missing log directory" 2 "" \
     "~log directory '$WORK/does-not-exist' (TMPDIR) does not exist" -- log x
