@@ -22,7 +22,12 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 // realpath fails; trailing slashes only ever come from the latter.
 std::string canonicalDirectory(const std::string& directory) {
   char* resolved = ::realpath(directory.c_str(), nullptr);
-  if (resolved == nullptr) return directory;
+  if (resolved == nullptr) {
+    // The wrapper then names its files "<dir>//<name>": the same files.
+    std::string kept = directory;
+    while (kept.size() > 1 && kept.back() == '/') kept.pop_back();
+    return kept;
+  }
   std::string result = resolved;
   std::free(resolved);
   return result;

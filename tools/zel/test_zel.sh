@@ -509,6 +509,108 @@ test_strerror() {
   expect "two codes" 2 "" "~expected one CODE, got 2 arguments" -- strerror 1 2
 }
 
+# record_line STAMP TAG FUNCTION MESSAGE - a record as the wrapper writes it.
+record_line() { printf '%s %2s %-25s %s\n' "$1" "$2" "$3" "$4"; }
+
+# ids_in_order FILE PREFIX COUNT - FILE holds the records "PREFIX-1" to
+# "PREFIX-COUNT", each once and in this order.
+ids_in_order() {
+  grep -o "rec $2-[0-9]*" "$1" | cut -d- -f2 | awk -v n="$3" -v w="$2" '
+    { if ($1 != prev + 1) { bad++; if (bad < 5) printf "%s: %s after %s\n", w, $1, prev > "/dev/stderr" } prev = $1 }
+    END { if (prev != n) { printf "%s: last %s, expected %s\n", w, prev, n > "/dev/stderr"; exit 1 } exit bad > 0 }'
+}
+
+test_show() {
+  # Many numbered files, made by the wrapper itself: zel.log.10 comes after
+  # zel.log.9 (a glob sorts it before zel.log.2).
+  fresh_log_dir
+  seq 1 1500 | sed 's/^/rec s-/; s/$/ padding the record to about a hundred bytes in all/' >"$WORK/input"
+  ZEL_LOGGING_FMAXSIZE=1000 ZEL_LOGGING_FMAXCOUNT=100 "$ZEL" log -t shower -f "$WORK/input"
+  check "at least 12 numbered files" test "$(ls "$dir" | grep -c '^zel\.log\.[0-9]*$')" -ge 12
+  check "a glob gives the records out of order" bash -c "! cat '$dir'/zel.log* | grep -o 'rec s-[0-9]*' | cut -d- -f2 | sort -nc 2>/dev/null"
+  "$ZEL" log show >"$WORK/shown"
+  check "show: status 0" test $? -eq 0
+  check "show: every record once, in order" ids_in_order "$WORK/shown" s 1500
+  check "show: the lines as written" bash -c "[ \"\$(grep -c -E '^$STAMP IN shower +rec s-[0-9]+ padding' '$WORK/shown')\" -eq 1500 ]"
+  "$ZEL" log show "$dir" >"$WORK/shown-dir"
+  check "show DIR reads zel.log in DIR" cmp -s "$WORK/shown" "$WORK/shown-dir"
+  "$ZEL" log show "$dir/zel.log" >"$WORK/shown-path"
+  check "show PATH reads that log" cmp -s "$WORK/shown" "$WORK/shown-path"
+
+  # ZEL_LOGGING_FNAME names the log, as for the wrapper.
+  fresh_log_dir
+  mkdir "$dir/sub"
+  ZEL_LOGGING_FNAME="$dir/sub/app.log" "$ZEL" log -t named "in app.log"
+  ZEL_LOGGING_FNAME="$dir/sub/app.log" expect "show follows ZEL_LOGGING_FNAME" 0 "~named                     in app.log" "" -- log show
+
+  # Filters, on records written by hand: time stamps with fractions that are
+  # no milliseconds, another offset, a trace record and lines that are no
+  # records.
+  fresh_log_dir
+  {
+    record_line "2026-03-01T12:00:00.9+01:00" IN f1 "first"
+    record_line "2026-03-01T12:00:01.42+01:00" ER f2 "second \"quoted\" \\ back"
+    echo "a raw record without a stamp"
+    record_line "2026-03-01T12:00:02.512+01:00" WA f1 "third"
+    printf '%s TR %-24s:%-5s - %-25s %s\n' "2026-03-01T12:00:03.0+01:00" zel 7 dbg "fourth"
+    printf '2026-03-01T12:00:04.1+01:00 CR cut in the mid'
+  } >"$dir/zel.log"
+  expect "show all, the cut last line too" 0 "$(cat "$dir/zel.log")" "" -- log show
+  # The cut last line still has its stamp and tag: a record at level 2.
+  expect "--level err" 0 "$(printf '%s\n%s\n%s' "$(sed -n 2p "$dir/zel.log")" "a raw record without a stamp" "$(sed -n 6p "$dir/zel.log")")" "" -- log show --level err
+  expect "--level 4" 0 "~WA f1" "" -- log show --level 4
+  expect "--level debug shows the trace record" 0 "~fourth" "" -- log show --level=debug
+  expect "--level TR" 0 "~fourth" "" -- log show --level TR
+  expect "--function" 0 "$(printf '%s\n%s\n%s' "$(sed -n 1p "$dir/zel.log")" "a raw record without a stamp" "$(sed -n 4p "$dir/zel.log")")" "" -- log show --function f1
+  expect "--function of a trace record" 0 "~fourth" "" -- log show --function dbg --level debug
+  expect "--grep on the line" 0 "$(sed -n 4p "$dir/zel.log")" "" -- log show --grep 'thi(r)d'
+  expect "--grep judges raw lines too" 0 "a raw record without a stamp" "" -- log show --grep raw
+  # Whole seconds: .999 in --since does not drop the record written .42
+  # into the same second (42 microseconds).
+  expect "--since takes the whole second" 0 "~second" "" -- log show --since 2026-03-01T12:00:01.999+01:00
+  check "--since drops earlier seconds" bash -c "! '$ZEL' log show --since 2026-03-01T12:00:01.999+01:00 | grep -q first"
+  expect "--until in UTC" 0 "$(printf '%s\n%s\n%s' "$(sed -n 1,3p "$dir/zel.log")")" "" -- log show --until 2026-03-01T11:00:01Z
+  expect "--since and --until" 0 "$(printf '%s\n%s' "a raw record without a stamp" "$(sed -n 4p "$dir/zel.log")")" "" \
+    -- log show --since "2026-03-01 11:00:02+00:00" --until 2026-03-01T12:00:02+01:00 --level info
+  expect "nothing matches: status 1" 1 "" "" -- log show --grep nothing-like-this
+  local offset2 offset3
+  offset2=$(sed -n 1p "$dir/zel.log" | wc -c)
+  offset3=$((offset2 + $(sed -n 2p "$dir/zel.log" | wc -c)))
+  expect "--json" 0 "$(printf '%s\n' \
+    '{"time":"2026-03-01T12:00:01.42+01:00","level":3,"function":"f2","message":"second \"quoted\" \\ back","file":"'"$dir"'/zel.log","offset":'"$offset2"'}')" \
+    "" -- log show --json --function f2 --grep second
+  expect "--json of a line that is no record" 0 \
+    '{"time":null,"level":null,"function":null,"message":"a raw record without a stamp","file":"'"$dir"'/zel.log","offset":'"$offset3"'}' \
+    "" -- log show --json --grep raw
+  expect "--json of a trace record" 0 \
+    '~"level":7,"function":"dbg","message":"fourth","source":"zel:7"' "" -- log show --json --level debug --grep fourth
+
+  # The renumbering after 999999: the wrapper moves the numbered files down
+  # to 1, 2, ...; show still gives every record once and in order.
+  fresh_log_dir
+  local big
+  big=$(printf 'x%.0s' $(seq 1 1100))
+  { echo "rec w-1 $big"; echo "rec w-2 $big"; } | sed "s/^/$(date +%Y-%m-%dT%H:%M:%S.1+00:00) IN z                         /" >"$dir/zel.log.999998"
+  { echo "rec w-3 $big"; echo "rec w-4 $big"; } | sed "s/^/$(date +%Y-%m-%dT%H:%M:%S.1+00:00) IN z                         /" >"$dir/zel.log.999999"
+  seq 5 60 | sed 's/^/rec w-/; s/$/ after the wrap, padded to about a hundred bytes in all/' >"$WORK/input"
+  ZEL_LOGGING_FMAXSIZE=1000 ZEL_LOGGING_FMAXCOUNT=100 "$ZEL" log -t w -f "$WORK/input"
+  check "renumbered after 999999" test -e "$dir/zel.log.1" -a ! -e "$dir/zel.log.999999"
+  "$ZEL" log show >"$WORK/shown"
+  check "show after the wrap: every record once, in order" ids_in_order "$WORK/shown" w 60
+
+  # Bad input.
+  fresh_log_dir
+  expect "show: no log" 1 "" "~zel log show: no log file '$dir/zel.log'" -- log show
+  expect "show: missing directory" 2 "" "~the log directory '$WORK/nowhere' does not exist" -- log show "$WORK/nowhere/zel.log"
+  expect "show: bad level" 2 "" "~invalid level 'loud'" -- log show --level loud
+  expect "show: bad time stamp" 2 "" "~invalid time stamp '2026-13-01'" -- log show --since 2026-13-01
+  expect "show: bad expression" 2 "" "~invalid --grep expression '('" -- log show --grep '('
+  expect "show: unknown option" 2 "" "~unknown option '--cursor'" -- log show --cursor x
+  expect "show: value missing" 2 "" "~option '--since' needs a value" -- log show --since
+  expect "show: two paths" 2 "" "~more than one PATH" -- log show a b
+  expect "show --help" 0 "~Usage: zel log show" "" -- log show --help
+}
+
 # The manual page: renders without a warning and documents what the tool
 # offers.
 test_manual() {
@@ -534,9 +636,9 @@ test_manual() {
 }
 
 case "$AREA" in
-  usage | log | dn | xpath | config | strerror | manual) "test_$AREA" ;;
+  usage | log | show | follow | ship | dn | xpath | config | strerror | manual) "test_$AREA" ;;
   *)
-    echo "usage: $0 ZEL usage|log|dn|xpath|config|strerror|manual" >&2
+    echo "usage: $0 ZEL usage|log|show|follow|ship|dn|xpath|config|strerror|manual" >&2
     exit 2
     ;;
 esac
