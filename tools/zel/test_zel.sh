@@ -611,6 +611,148 @@ test_show() {
   expect "show --help" 0 "~Usage: zel log show" "" -- log show --help
 }
 
+# generate ID SECONDS PER10MS - prints the records "rec ID-1", "rec ID-2",
+# ... (about 100 bytes each in the file), PER10MS of them every 10 ms for
+# SECONDS, and leaves how many in $WORK/count.ID.
+generate() {
+  local id=$1 n=0 k
+  local end=$(($(date +%s%N) / 1000000 + $2 * 1000))
+  while [ $(($(date +%s%N) / 1000000)) -lt "$end" ]; do
+    for ((k = 0; k < $3; k++)); do
+      n=$((n + 1))
+      printf 'rec %s-%d payload padded to make records about a hundred bytes\n' "$id" "$n"
+    done
+    sleep 0.01
+  done
+  echo "$n" >"$WORK/count.$id"
+}
+
+# wait_for_lines FILE COUNT SECONDS - until FILE has COUNT lines; false when
+# it has not after SECONDS.
+wait_for_lines() {
+  local i
+  for ((i = 0; i < $3 * 10; i++)); do
+    [ -f "$1" ] && [ "$(wc -l <"$1")" -ge "$2" ] && return 0
+    sleep 0.1
+  done
+  echo "$1: $(wc -l <"$1" 2>/dev/null) lines, expected $2" >&2
+  return 1
+}
+
+# stop_pid PID - SIGTERM, then its exit status (the caller's child).
+stop_pid() {
+  kill -TERM "$1" 2>/dev/null
+  wait "$1"
+}
+
+test_follow() {
+  local follow writers=() w total status
+  # Four writer processes at a 64 KiB size limit for 20 s while follow runs;
+  # follow is killed with SIGKILL twice and started again with its cursor.
+  # Its output is appended to a file, so not even the batch in flight at the
+  # kill may show up twice.
+  fresh_log_dir
+  export ZEL_LOGGING_FMAXSIZE=65536
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" 2>>"$WORK/follow.err" &
+  follow=$!
+  for w in 1 2 3 4; do
+    (generate "f$w" 20 10 | "$ZEL" log -t "writer$w") &
+    writers+=($!)
+  done
+  sleep 6
+  kill -KILL "$follow"
+  wait "$follow" 2>/dev/null
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" 2>>"$WORK/follow.err" &
+  follow=$!
+  sleep 7
+  kill -KILL "$follow"
+  wait "$follow" 2>/dev/null
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" 2>>"$WORK/follow.err" &
+  follow=$!
+  wait "${writers[@]}"
+  unset ZEL_LOGGING_FMAXSIZE
+  total=0
+  for w in 1 2 3 4; do total=$((total + $(cat "$WORK/count.f$w"))); done
+  check "follow: the writers rotated the log" test "$(ls "$dir" | grep -c '^zel\.log\.[0-9]*$')" -ge 3
+  check "follow: all $total records printed" wait_for_lines "$WORK/followed" "$total" 30
+  stop_pid "$follow"
+  status=$?
+  check "follow: SIGTERM ends it with status 0" test "$status" -eq 0
+  check "follow: exactly $total lines" test "$(wc -l <"$WORK/followed")" -eq "$total"
+  for w in 1 2 3 4; do
+    check "follow: writer $w's records exactly once, in order" ids_in_order "$WORK/followed" "f$w" "$(cat "$WORK/count.f$w")"
+  done
+  check "follow: nothing on standard error" test ! -s "$WORK/follow.err"
+  printf 'follow: %s records of 4 writers in 20 s, %s numbered files made\n' "$total" \
+    "$(ls "$dir" | sed -n 's/^zel\.log\.\([0-9]*\)$/\1/p' | sort -n | tail -1)"
+
+  # The renumbering after 999999 while follow runs: nothing printed twice.
+  fresh_log_dir
+  rm -f "$WORK/cursor" "$WORK/followed"
+  local big
+  big=$(printf 'x%.0s' $(seq 1 1100))
+  echo "$(date +%Y-%m-%dT%H:%M:%S.1+00:00) IN z                         rec r-1 $big" >"$dir/zel.log.999998"
+  echo "$(date +%Y-%m-%dT%H:%M:%S.1+00:00) IN z                         rec r-2 $big" >"$dir/zel.log.999999"
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" &
+  follow=$!
+  check "follow: the numbered files first" wait_for_lines "$WORK/followed" 2 10
+  seq 3 80 | sed 's/^/rec r-/; s/$/ across the wrap, padded to about a hundred bytes/' |
+    ZEL_LOGGING_FMAXSIZE=1000 ZEL_LOGGING_FMAXCOUNT=100 "$ZEL" log -t r
+  check "follow: renumbered after 999999" test -e "$dir/zel.log.1" -a ! -e "$dir/zel.log.999999"
+  wait_for_lines "$WORK/followed" 80 10
+  stop_pid "$follow"
+  check "follow across the wrap: exactly once, in order" ids_in_order "$WORK/followed" r 80
+  check "follow across the wrap: 80 lines" test "$(wc -l <"$WORK/followed")" -eq 80
+
+  # Files pruned while follow was not running: it says how many files and
+  # bytes it skipped, and goes on with the oldest file kept.
+  fresh_log_dir
+  rm -f "$WORK/cursor" "$WORK/followed"
+  export ZEL_LOGGING_FMAXSIZE=2000 ZEL_LOGGING_FMAXCOUNT=3
+  seq 1 100 | sed 's/^/rec g-/; s/$/ before the gap, padded to about a hundred bytes/' | "$ZEL" log -t g
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" 2>"$WORK/follow.err" &
+  follow=$!
+  wait_for_lines "$WORK/followed" 100 10
+  stop_pid "$follow"
+  seq 101 1000 | sed 's/^/rec g-/; s/$/ after the stop, padded to about a hundred bytes/' | "$ZEL" log -t g
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" 2>"$WORK/follow.err" &
+  follow=$!
+  local first
+  for _ in $(seq 1 100); do grep -q 'rec g-1000 ' "$WORK/followed" && break; sleep 0.1; done
+  stop_pid "$follow"
+  unset ZEL_LOGGING_FMAXSIZE ZEL_LOGGING_FMAXCOUNT
+  first=$(grep -o 'rec g-[0-9]*' "$WORK/followed" | sed -n 101p | cut -d- -f2)
+  check "follow after pruning: records 1-100, then from the oldest kept to 1000" bash -c \
+    "[ \"\$(grep -o 'rec g-[0-9]*' '$WORK/followed' | cut -d- -f2 | tr '\n' ' ')\" = \"\$(seq 1 100 | tr '\n' ' ')\$(seq $first 1000 | tr '\n' ' ')\" ]"
+  check "follow after pruning: a gap" test "$first" -gt 101
+  # The size of the gap: the records skipped, at the length of the lines
+  # printed after it.
+  local line_length missing reported_files reported_bytes
+  line_length=$(sed -n '$p' "$WORK/followed" | wc -c)
+  missing=$(((first - 101) * line_length))
+  reported_files=$(sed -n 's/.*skipped \([0-9]*\) files\{0,1\}, .*/\1/p' "$WORK/follow.err")
+  reported_bytes=$(sed -n 's/.*skipped [0-9]* files\{0,1\}, \(about \)\{0,1\}\([0-9]*\) bytes.*/\2/p' "$WORK/follow.err")
+  check "follow after pruning: the gap on standard error" grep -q \
+    "zel log follow: the log files after the cursor were pruned before they were read: skipped [0-9]* files\?, \(about \)\?[0-9]* bytes" \
+    "$WORK/follow.err"
+  printf 'follow after pruning: reported %s files, %s bytes; skipped %s records, about %s bytes\n' \
+    "${reported_files:-none}" "${reported_bytes:-none}" $((first - 101)) "$missing"
+  check "follow after pruning: files counted" test "${reported_files:-0}" -ge 1
+  check "follow after pruning: bytes within a third of the $missing skipped (${reported_bytes:-none})" \
+    test "${reported_bytes:-0}" -ge $((missing * 2 / 3)) -a "${reported_bytes:-0}" -le $((missing * 4 / 3))
+
+  # Bad input.
+  fresh_log_dir
+  echo "something else" >"$WORK/not-a-cursor"
+  expect "follow: not a cursor file" 2 "" "~'$WORK/not-a-cursor' is not a cursor file of zel log" -- \
+    log follow --cursor "$WORK/not-a-cursor"
+  printf 'zel log cursor 1\nposition 1 2\n' >"$WORK/bad-cursor"
+  expect "follow: damaged cursor" 2 "" "~the cursor file '$WORK/bad-cursor' is damaged" -- log follow --cursor "$WORK/bad-cursor"
+  expect "follow: missing directory" 2 "" "~does not exist" -- log follow "$WORK/nowhere/zel.log"
+  expect "follow: --json takes no value" 2 "" "~more than one PATH" -- log follow --json x y
+  expect "follow --help" 0 "~Usage: zel log follow" "" -- log follow --help
+}
+
 # The manual page: renders without a warning and documents what the tool
 # offers.
 test_manual() {
