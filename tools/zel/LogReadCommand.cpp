@@ -588,10 +588,10 @@ bool validTag(const std::string& tag) {
 // Sleeps up to `ms`, keeping the log's files open meanwhile; ends early on
 // a stop request.
 void backoffWait(LogFollower& follower, int ms) {
-  for (int waited = 0; waited < ms && !stopRequested; waited += 100) {
-    struct timespec pause = {0, 100 * 1000000L};
+  for (int waited = 0; waited < ms && !stopRequested; waited += RelpClient::IDLE_MS) {
+    struct timespec pause = {0, RelpClient::IDLE_MS * 1000000L};
     ::nanosleep(&pause, nullptr);
-    if (waited % 1000 == 0) follower.refresh();
+    follower.refresh();
   }
 }
 
@@ -628,7 +628,9 @@ int runShip(const Args& args) {
   if (!notice.empty()) inputError(command, notice);
 
   const std::string self = hostName();
-  RelpClient client(host, port, RELP_TIMEOUT_MS);
+  // While the network keeps it waiting, the shipper still opens each new
+  // file of the log, so that files pruned meanwhile stay readable.
+  RelpClient client(host, port, RELP_TIMEOUT_MS, [&follower]() { follower.refresh(); });
   std::vector<std::string> messages;
   std::vector<LogPosition> after;  // the position behind each message
   LogPosition saved = loaded == 0 ? cursor.position : LogPosition();

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -62,8 +63,20 @@ bool splitHostPort(const std::string& text, std::string& host, std::string& port
   return number >= 1 && number <= 65535;
 }
 
-RelpClient::RelpClient(const std::string& host, const std::string& port, int timeoutMs)
-    : _host(host), _port(port), _timeoutMs(timeoutMs) {}
+RelpClient::RelpClient(const std::string& host, const std::string& port, int timeoutMs,
+                       std::function<void()> idle)
+    : _host(host), _port(port), _timeoutMs(timeoutMs), _idle(std::move(idle)) {}
+
+int RelpClient::waitFor(short events, int64_t deadline) {
+  for (;;) {
+    const int64_t left = deadline - nowMs();
+    if (left <= 0) return 0;
+    struct pollfd waiting = {_fd, events, 0};
+    const int ready = ::poll(&waiting, 1, static_cast<int>(std::min<int64_t>(left, IDLE_MS)));
+    if (ready != 0) return ready;
+    if (_idle) _idle();
+  }
+}
 
 RelpClient::~RelpClient() { abort(); }
 
@@ -97,10 +110,12 @@ bool RelpClient::open(std::string& error) {
     if (fd < 0) continue;
     int result = ::connect(fd, address->ai_addr, address->ai_addrlen);
     if (result != 0 && errno == EINPROGRESS) {
-      struct pollfd waiting = {fd, POLLOUT, 0};
       int soError = ETIMEDOUT;
       socklen_t length = sizeof(soError);
-      if (::poll(&waiting, 1, _timeoutMs) == 1) ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &length);
+      _fd = fd;
+      const int ready = waitFor(POLLOUT, nowMs() + _timeoutMs);
+      _fd = -1;
+      if (ready == 1) ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &length);
       result = soError == 0 ? 0 : -1;
       errno = soError;
     }
@@ -158,9 +173,7 @@ bool RelpClient::sendFrame(uint32_t txnr, const std::string& command, const std:
     }
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      const int64_t left = deadline - nowMs();
-      struct pollfd waiting = {_fd, POLLOUT, 0};
-      if (left > 0 && ::poll(&waiting, 1, static_cast<int>(left)) >= 0) continue;
+      if (deadline > nowMs() && waitFor(POLLOUT, deadline) >= 0) continue;
       error = "the server takes no more data (timed out)";
       return false;
     }
@@ -210,13 +223,11 @@ bool RelpClient::readFrame(uint32_t& txnr, std::string& command, std::string& da
       error = "the server sent a malformed frame";
       return false;
     }
-    const int64_t left = deadline - nowMs();
-    if (left <= 0) {
+    if (deadline <= nowMs()) {
       error = "no answer from the server (timed out)";
       return false;
     }
-    struct pollfd waiting = {_fd, POLLIN, 0};
-    const int ready = ::poll(&waiting, 1, static_cast<int>(left));
+    const int ready = waitFor(POLLIN, deadline);
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) continue;
     char buffer[16384];

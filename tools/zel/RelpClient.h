@@ -16,6 +16,7 @@
 #define ZEL_TOOL_RELP_CLIENT_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,10 @@ namespace ZelTool {
 
 class RelpClient {
  public:
-  RelpClient(const std::string& host, const std::string& port, int timeoutMs);
+  // `idle` is called about every IDLE_MS while a call waits for the network
+  // (the shipper keeps the log's files open meanwhile).
+  RelpClient(const std::string& host, const std::string& port, int timeoutMs, std::function<void()> idle);
+  static const int IDLE_MS = 100;
   ~RelpClient();
   RelpClient(const RelpClient&) = delete;
   RelpClient& operator=(const RelpClient&) = delete;
@@ -50,10 +54,14 @@ class RelpClient {
   // Reads the next frame; false with `error` on a broken session or timeout.
   bool readFrame(uint32_t& txnr, std::string& command, std::string& data, std::string& error);
   uint32_t nextTxnr();
+  // poll() on our socket in slices of IDLE_MS, calling _idle between them,
+  // until ready or the deadline; the result of the last poll.
+  int waitFor(short events, int64_t deadline);
 
   std::string _host;
   std::string _port;
   int _timeoutMs;
+  std::function<void()> _idle;
   int _fd = -1;
   uint32_t _txnr = 0;
   std::string _input;  // received bytes not yet taken apart
