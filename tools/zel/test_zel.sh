@@ -914,11 +914,13 @@ test_manual() {
   version=$("$ZEL" --version | sed 's/^zel (libzel_common) //')
   check "manual names the tool's version $version" grep -q "^\.TH ZEL 1 .*\"libzel_common $version\"" "$MANPAGE"
   local command
-  for command in "log" "dn validate" "dn split" "dn build" "xpath split" "xpath build" "config get" "strerror"; do
+  for command in "log" "log show" "log follow" "log ship" "dn validate" "dn split" "dn build" "xpath split" "xpath build" "config get" "strerror"; do
     check "manual documents zel $command" grep -q "^\.B zel $command\$\|^\.B zel $command \|^\.B $command\$" "$MANPAGE"
   done
   local option
-  for option in '\\-V' '\\-\\-version' '\\-h' '\\-\\-help' '\\-l' '\\-\\-level' '\\-f' '\\-\\-function' 'ZEL_LOGGING_FNAME' 'TMPDIR'; do
+  for option in '\\-V' '\\-\\-version' '\\-h' '\\-\\-help' '\\-l' '\\-\\-level' '\\-f' '\\-\\-function' \
+    '\\-p' '\\-\\-priority' '\\-t' '\\-\\-tag' '\\-s' '\\-\\-stderr' '\\-\\-file' '\\-\\-cursor' \
+    '\\-\\-relp' '\\-\\-json' '\\-\\-since' '\\-\\-until' '\\-\\-grep' 'ZEL_LOGGING_FNAME' 'TMPDIR'; do
     check "manual mentions $option" grep -q -- "$option" "$MANPAGE"
   done
 }
