@@ -171,7 +171,7 @@ unset PKG_CONFIG_PATH
 step "installed tool"
 check "zel runs from the prefix without LD_LIBRARY_PATH" test "$("$PREFIX/bin/zel" strerror -8)" = ZelInvalidArgument
 check "zel log writes through the installed library" bash -c \
-  "d=\$(mktemp -d '$WORK/toollog.XXXXXX') && TMPDIR=\$d '$PREFIX/bin/zel' log -l 3 -f check packaged && grep -q ' ER check  *packaged\$' \$d/zel.log"
+  "d=\$(mktemp -d '$WORK/toollog.XXXXXX') && TMPDIR=\$d '$PREFIX/bin/zel' log -l 3 -t check packaged && grep -q ' ER check  *packaged\$' \$d/zel.log"
 
 # ---------------------------------------------------------------------------
 step "Debian packages"
