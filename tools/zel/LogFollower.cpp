@@ -345,7 +345,10 @@ LogPosition LogFollower::position() const {
   position.valid = true;
   position.identity = file.identity;
   position.offset = file.offset;
-  fingerprint(file.fd, HEAD, position.headLength, position.headHash);
+  // The first bytes of a file never change once they are there.
+  if (file.headLength < HEAD) fingerprint(file.fd, HEAD, file.headLength, file.headHash);
+  position.headLength = file.headLength;
+  position.headHash = file.headHash;
   position.number = file.number;
   position.live = file.live;
   struct stat st;

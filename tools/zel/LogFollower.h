@@ -103,8 +103,8 @@ class LogFollower {
     bool live = false;
     bool present = true;
     size_t scanIndex = 0;
-    uint64_t headLength = 0;
-    uint64_t headHash = 0;
+    mutable uint64_t headLength = 0;  // of the fingerprint, filled in by position()
+    mutable uint64_t headHash = 0;
   };
   struct DoneFile {
     int64_t size = 0;

@@ -159,10 +159,30 @@ bool RelpClient::open(std::string& error) {
   return true;
 }
 
+namespace {
+
+void appendFrame(std::string& out, uint32_t txnr, const std::string& command, const std::string& data) {
+  out += std::to_string(txnr);
+  out += ' ';
+  out += command;
+  out += ' ';
+  out += std::to_string(data.size());
+  if (!data.empty()) {
+    out += ' ';
+    out += data;
+  }
+  out += '\n';
+}
+
+}  // namespace
+
 bool RelpClient::sendFrame(uint32_t txnr, const std::string& command, const std::string& data, std::string& error) {
-  std::string frame = std::to_string(txnr) + " " + command + " " + std::to_string(data.size());
-  if (!data.empty()) frame += " " + data;
-  frame += "\n";
+  std::string frame;
+  appendFrame(frame, txnr, command, data);
+  return sendBytes(frame, error);
+}
+
+bool RelpClient::sendBytes(const std::string& frame, std::string& error) {
   size_t sent = 0;
   const int64_t deadline = nowMs() + _timeoutMs;
   while (sent < frame.size()) {
@@ -259,13 +279,16 @@ bool RelpClient::sendAll(const std::vector<std::string>& messages, size_t window
   std::vector<bool> answered(messages.size(), false);
   size_t next = 0;
   while (acknowledged < messages.size()) {
+    // All the window allows, in one write.
+    std::string frames;
     while (next < messages.size() && outstanding.size() < window) {
       const uint32_t txnr = nextTxnr();
-      if (!sendFrame(txnr, "syslog", messages[next], error)) {
-        abort();
-        return false;
-      }
+      appendFrame(frames, txnr, "syslog", messages[next]);
       outstanding[txnr] = next++;
+    }
+    if (!frames.empty() && !sendBytes(frames, error)) {
+      abort();
+      return false;
     }
     uint32_t txnr = 0;
     std::string command;

@@ -51,6 +51,7 @@ class RelpClient {
 
  private:
   bool sendFrame(uint32_t txnr, const std::string& command, const std::string& data, std::string& error);
+  bool sendBytes(const std::string& bytes, std::string& error);
   // Reads the next frame; false with `error` on a broken session or timeout.
   bool readFrame(uint32_t& txnr, std::string& command, std::string& data, std::string& error);
   uint32_t nextTxnr();
