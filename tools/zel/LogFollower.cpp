@@ -25,6 +25,10 @@ const size_t CHUNK = 65536;
 const uint64_t HEAD = 256;
 // How often start() looks again before it calls a file of the cursor gone.
 const int RESCANS = 3;
+// Files held open ahead of the one being read. Newer files wait, unopened,
+// until the queue has room (a follower that far behind may lose files
+// pruned meanwhile, as it would without holding them at all).
+const size_t MAX_OPEN = 256;
 
 uint64_t fnv1a(const char* data, size_t size) {
   uint64_t hash = 1469598103934665603ull;
@@ -140,6 +144,9 @@ bool LogFollower::scanAndOpen(std::string* error) {
         inQueue = true;
       }
     if (inQueue || isKnown(entry)) continue;
+    // The files come oldest first: once the queue is full, the rest wait for
+    // a later scan.
+    if (_queue.size() >= MAX_OPEN) continue;
     const int fd = ::open(entry.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) continue;  // gone meanwhile: the next scan shows where it went
     struct stat st;

@@ -340,6 +340,7 @@ const char* const CURSOR_MAGIC = "zel log cursor 1";
 struct CursorState {
   LogPosition position;
   LogPosition previous;
+  bool previousIsStart = false;  // the batch was the first: before it, the start of the log
   bool haveOutput = false;
   long long outputBefore = 0;
   long long outputAfter = 0;
@@ -363,6 +364,8 @@ int loadCursor(const std::string& command, const std::string& path, CursorState&
     if (startsWith(line, "position ")) {
       havePosition = state.position.fromText(line);
       if (!havePosition) break;
+    } else if (line == "previous start") {
+      state.previousIsStart = true;
     } else if (startsWith(line, "previous ")) {
       const std::string text = "position " + line.substr(9);
       if (!state.previous.fromText(text)) havePosition = false;
@@ -381,6 +384,7 @@ int loadCursor(const std::string& command, const std::string& path, CursorState&
 bool saveCursor(const std::string& command, const std::string& path, const CursorState& state) {
   std::string text = std::string(CURSOR_MAGIC) + "\n" + state.position.toText();
   if (state.previous.valid) text += "previous " + state.previous.toText().substr(9);
+  if (state.previousIsStart) text += "previous start\n";
   if (state.haveOutput) text += "output " + std::to_string(state.outputBefore) + " " + std::to_string(state.outputAfter) + "\n";
   const std::string temporary = path + ".tmp";
   const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
@@ -495,11 +499,12 @@ int runFollow(const Args& args) {
       resume = &cursor.position;
       // The cursor was saved before its batch was written: the size of the
       // output tells whether the batch got there, partly or not at all.
-      if (cursor.haveOutput && cursor.previous.valid && appended) {
+      if (cursor.haveOutput && (cursor.previous.valid || cursor.previousIsStart) && appended) {
+        const LogPosition* before = cursor.previousIsStart ? nullptr : &cursor.previous;
         if (outputSize == cursor.outputBefore) {
-          resume = &cursor.previous;
+          resume = before;
         } else if (outputSize > cursor.outputBefore && outputSize < cursor.outputAfter) {
-          if (::ftruncate(STDOUT_FILENO, static_cast<off_t>(cursor.outputBefore)) == 0) resume = &cursor.previous;
+          if (::ftruncate(STDOUT_FILENO, static_cast<off_t>(cursor.outputBefore)) == 0) resume = before;
         }
       }
     }
@@ -528,6 +533,7 @@ int runFollow(const Args& args) {
         CursorState state;
         state.position = now;
         state.previous = saved;
+        state.previousIsStart = !saved.valid;
         state.haveOutput = true;
         state.outputBefore = outputSize;
         state.outputAfter = outputSize + static_cast<long long>(out.size());

@@ -686,6 +686,41 @@ test_follow() {
   printf 'follow: %s records of 4 writers in 20 s, %s numbered files made\n' "$total" \
     "$(ls "$dir" | sed -n 's/^zel\.log\.\([0-9]*\)$/\1/p' | sort -n | tail -1)"
 
+  # Appended to a file, the cursor is saved before each batch with the
+  # output's size: a batch cut short by a kill is cut off and printed again,
+  # one that was not written is printed, one that was is not.
+  fresh_log_dir
+  rm -f "$WORK/cursor" "$WORK/followed"
+  printf 'rec k-1 one\nrec k-2 two\nrec k-3 three\n' | "$ZEL" log -t k
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" &
+  follow=$!
+  wait_for_lines "$WORK/followed" 3 10
+  stop_pid "$follow"
+  check "follow: the cursor holds the batch's output sizes" grep -q "^output 0 $(stat -c %s "$WORK/followed")\$" "$WORK/cursor"
+  cp "$WORK/followed" "$WORK/followed.whole"
+  cp "$WORK/cursor" "$WORK/cursor.saved"
+  truncate -s 50 "$WORK/followed"
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" &
+  follow=$!
+  wait_for_lines "$WORK/followed" 3 10
+  sleep 0.3
+  stop_pid "$follow"
+  check "follow: a batch cut by a kill is printed again, whole, once" cmp -s "$WORK/followed" "$WORK/followed.whole"
+  cp "$WORK/cursor.saved" "$WORK/cursor"
+  : >"$WORK/followed"
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" &
+  follow=$!
+  wait_for_lines "$WORK/followed" 3 10
+  sleep 0.3
+  stop_pid "$follow"
+  check "follow: a batch never written is printed" cmp -s "$WORK/followed" "$WORK/followed.whole"
+  cp "$WORK/cursor.saved" "$WORK/cursor"
+  "$ZEL" log follow --cursor "$WORK/cursor" >>"$WORK/followed" &
+  follow=$!
+  sleep 0.5
+  stop_pid "$follow"
+  check "follow: a batch written is not printed again" cmp -s "$WORK/followed" "$WORK/followed.whole"
+
   # The renumbering after 999999 while follow runs: nothing printed twice.
   fresh_log_dir
   rm -f "$WORK/cursor" "$WORK/followed"
