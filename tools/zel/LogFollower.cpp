@@ -124,6 +124,45 @@ bool LogFollower::scanAndOpen(std::string* error) {
     return false;
   }
   for (OpenFile& file : _queue) file.present = false;
+  // Files made and pruned between two scans were never seen: the numbers
+  // after the newest file known tell how many.
+  bool anyKnown = false;
+  int32_t newestKnown = 0;
+  int64_t numberedBytes = 0;
+  int numberedFiles = 0;
+  for (const LogFileEntry& entry : files) {
+    if (entry.live) continue;
+    numberedBytes += entry.size;
+    ++numberedFiles;
+    if (isKnown(entry) && (!anyKnown || entry.number > newestKnown)) {
+      newestKnown = entry.number;
+      anyKnown = true;
+    }
+  }
+  if (anyKnown) {
+    _newestKnown = newestKnown;
+    _anyKnown = true;
+  }
+  if (_anyKnown) {
+    for (const LogFileEntry& entry : files) {
+      if (entry.live || isKnown(entry) || entry.number <= _newestKnown) continue;
+      // A renumbering after the highest number starts again low and is not
+      // a gap; the first new number above the newest known one is.
+      const int64_t missed = static_cast<int64_t>(entry.number) - _newestKnown - 1;
+      if (missed > 0) {
+        std::ostringstream text;
+        text << missed
+             << (missed == 1 ? " log file was pruned before it could be read"
+                             : " log files were pruned before they could be read")
+             << ": about "
+             << missed * (numberedFiles > 0 ? numberedBytes / numberedFiles : 0) << " bytes skipped";
+        if (!_notice.empty()) _notice += "\n";
+        _notice += text.str();
+      }
+      _newestKnown = entry.number;
+      break;
+    }
+  }
   std::set<FileIdentity> seen;
   _anyNumbered = false;
   for (size_t i = 0; i < files.size(); ++i) {
@@ -180,6 +219,12 @@ bool LogFollower::scanAndOpen(std::string* error) {
 }
 
 void LogFollower::refresh() { (void)scanAndOpen(nullptr); }
+
+std::string LogFollower::takeNotice() {
+  std::string notice;
+  notice.swap(_notice);
+  return notice;
+}
 
 bool LogFollower::start(const LogPosition* resume, std::string& notice, std::string& error) {
   notice.clear();

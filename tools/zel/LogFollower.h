@@ -88,6 +88,10 @@ class LogFollower {
 
   LogPosition position() const;
 
+  // What went wrong while reading that the reader should hear about (files
+  // pruned before they could be opened), once; empty when nothing did.
+  std::string takeNotice();
+
   // A descriptor that becomes readable when something in the log directory
   // changes (inotify), or -1; drain() empties it.
   int changeDescriptor() const { return _inotify; }
@@ -123,6 +127,9 @@ class LogFollower {
   std::deque<OpenFile> _queue;  // front: the file being read
   std::map<FileIdentity, DoneFile> _done;
   int32_t _newestNumber = 0;
+  int32_t _newestKnown = 0;  // the highest number of a file opened or read
+  bool _anyKnown = false;
+  std::string _notice;
   bool _anyNumbered = false;
   int _inotify = -1;
 };

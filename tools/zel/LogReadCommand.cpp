@@ -526,6 +526,8 @@ int runFollow(const Args& args) {
   while (!stopRequested) {
     bool caughtUp = false;
     follower.read(sink, FOLLOW_BATCH, caughtUp);
+    const std::string lost = follower.takeNotice();
+    if (!lost.empty()) inputError(command, lost);
     const LogPosition now = follower.position();
     if (!out.empty()) {
       if (useCursor && appended && outputIsAppendedFile(outputSize)) {
@@ -662,6 +664,8 @@ int runShip(const Args& args) {
   int backoffMs = 500;
   bool reportedDown = false;
   while (!stopRequested || (!messages.empty() && client.isOpen())) {
+    const std::string lost = follower.takeNotice();
+    if (!lost.empty()) inputError(command, lost);
     if (messages.empty()) {
       bool caughtUp = false;
       skipped = LogPosition();

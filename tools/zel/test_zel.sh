@@ -776,6 +776,31 @@ test_follow() {
   check "follow after pruning: bytes within a third of the $missing skipped (${reported_bytes:-none})" \
     test "${reported_bytes:-0}" -ge $((missing * 2 / 3)) -a "${reported_bytes:-0}" -le $((missing * 4 / 3))
 
+  # Files made and pruned while follow was stopped (SIGSTOP) were never
+  # opened: it says so when it runs again, and goes on.
+  fresh_log_dir
+  rm -f "$WORK/cursor" "$WORK/followed"
+  export ZEL_LOGGING_FMAXSIZE=2000 ZEL_LOGGING_FMAXCOUNT=3
+  seq 1 100 | sed 's/^/rec p-/; s/$/ before the stop, padded to about a hundred bytes/' | "$ZEL" log -t p
+  "$ZEL" log follow >>"$WORK/followed" 2>"$WORK/follow.err" &
+  follow=$!
+  wait_for_lines "$WORK/followed" 100 10
+  kill -STOP "$follow"
+  seq 101 1000 | sed 's/^/rec p-/; s/$/ while stopped, padded to about a hundred bytes/' | "$ZEL" log -t p
+  kill -CONT "$follow"
+  for _ in $(seq 1 100); do grep -q 'rec p-1000 ' "$WORK/followed" && break; sleep 0.1; done
+  stop_pid "$follow"
+  unset ZEL_LOGGING_FMAXSIZE ZEL_LOGGING_FMAXCOUNT
+  local printed gap
+  printed=$(grep -c 'rec p-' "$WORK/followed")
+  gap=$(grep -o 'rec p-[0-9]*' "$WORK/followed" | cut -d- -f2 | awk '$1 != prev + 1 { n++ } { prev = $1 } END { print n + 0 }')
+  printf 'follow stopped: %s of 1000 records printed, %s gap(s); %s\n' "$printed" "$gap" "$(cat "$WORK/follow.err")"
+  check "follow stopped: records before and after the gap in order, once" bash -c \
+    "grep -o 'rec p-[0-9]*' '$WORK/followed' | cut -d- -f2 | sort -nc && [ \"\$(grep -o 'rec p-[0-9]*' '$WORK/followed' | sort | uniq -d)\" = '' ]"
+  check "follow stopped: the last record printed" grep -q 'rec p-1000 ' "$WORK/followed"
+  check "follow stopped: the pruned files reported" grep -q \
+    "zel log follow: [0-9]* log files\? w[a-z]* pruned before it could be read: about [0-9]* bytes skipped" "$WORK/follow.err"
+
   # Bad input.
   fresh_log_dir
   echo "something else" >"$WORK/not-a-cursor"
