@@ -799,7 +799,7 @@ test_follow() {
     "grep -o 'rec p-[0-9]*' '$WORK/followed' | cut -d- -f2 | sort -nc && [ \"\$(grep -o 'rec p-[0-9]*' '$WORK/followed' | sort | uniq -d)\" = '' ]"
   check "follow stopped: the last record printed" grep -q 'rec p-1000 ' "$WORK/followed"
   check "follow stopped: the pruned files reported" grep -q \
-    "zel log follow: [0-9]* log files\? w[a-z]* pruned before it could be read: about [0-9]* bytes skipped" "$WORK/follow.err"
+    "zel log follow: [0-9]* log files\? w[a-z]* pruned before \(it\|they\) could be read: about [0-9]* bytes skipped" "$WORK/follow.err"
 
   # Bad input.
   fresh_log_dir
