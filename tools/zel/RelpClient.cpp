@@ -262,6 +262,12 @@ bool RelpClient::readFrame(uint32_t& txnr, std::string& command, std::string& da
       return false;
     }
     _input.append(buffer, static_cast<size_t>(n));
+    // Acknowledge at once: a server that writes its answers one by one with
+    // Nagle's algorithm on holds back the next answers until our TCP ACK
+    // arrives, which the kernel would otherwise delay by up to 40 ms. The
+    // kernel clears this setting now and then, hence after every read.
+    const int on = 1;
+    (void)::setsockopt(_fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof(on));
   }
 }
 
