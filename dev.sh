@@ -27,6 +27,9 @@ cd "$(dirname "$0")"
 
 JOBS=${JOBS:-$(nproc)}
 BASE_PACKAGES=(cmake ninja-build g++ pkg-config libpoco-dev libgtest-dev libgmock-dev valgrind)
+# rsyslog and its RELP input: the tests of `zel log ship` run a private
+# rsyslogd (its own configuration, work directory and port) to ship to.
+TEST_PACKAGES=(rsyslog rsyslog-relp)
 
 log() { printf '== %s\n' "$*" >&2; }
 
@@ -67,7 +70,7 @@ cmd_demo() {
 }
 
 cmd_test() {
-  ensure_packages "${BASE_PACKAGES[@]}"
+  ensure_packages "${BASE_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
   configure_and_build dev
   ctest --preset dev -j "$JOBS"
 }
@@ -101,7 +104,7 @@ cmd_package_check() {
 # check the errors the lock reports): TSan reports such an unlock as "unlock
 # of an unlocked mutex" however the mutex answers it.
 cmd_sanitize() {
-  ensure_packages "${BASE_PACKAGES[@]}"
+  ensure_packages "${BASE_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
   configure_and_build asan
   log "AddressSanitizer + UndefinedBehaviorSanitizer: the whole suite"
   ctest --preset asan -j "$JOBS"

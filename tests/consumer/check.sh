@@ -297,7 +297,7 @@ check "example_logging (macros through <zel/LoggingWrapper.h> only) writes its r
 step "installed tool, then uninstall"
 check "zel runs from the prefix without LD_LIBRARY_PATH" test "$("$PREFIX/bin/zel" strerror -8)" = ZelInvalidArgument
 check "zel log writes through the installed library" bash -c \
-  "d=\$(mktemp -d '$WORK/toollog.XXXXXX') && TMPDIR=\$d '$PREFIX/bin/zel' log -l 3 -f check packaged && grep -q ' ER check  *packaged\$' \$d/zel.log"
+  "d=\$(mktemp -d '$WORK/toollog.XXXXXX') && TMPDIR=\$d '$PREFIX/bin/zel' log -l 3 -t check packaged && grep -q ' ER check  *packaged\$' \$d/zel.log"
 must "uninstall target" cmake --build "$BUILD" --target uninstall
 check "uninstall leaves no file in the prefix" bash -c "test -z \"\$(find '$PREFIX' ! -type d)\""
 check "uninstall removes the project's own directories" bash -c \

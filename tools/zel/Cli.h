@@ -41,6 +41,10 @@ int runLog(const Args& args);
 // wrapper at the end (flushing the file) only when closeWhenDone is set, as
 // runLog does. A closed wrapper writes nothing more in this process.
 int runLogFrom(const Args& args, std::istream& input, bool closeWhenDone);
+// `zel log show|follow|ship`: true for those words; runLogRead runs one of
+// them with the arguments after it.
+bool isLogReadCommand(const std::string& word);
+int runLogRead(const std::string& subcommand, const Args& args);
 int runDn(const Args& args);
 int runXPath(const Args& args);
 int runConfig(const Args& args);

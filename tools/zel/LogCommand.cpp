@@ -11,10 +11,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <string>
 
 #include "Cli.h"
+#include "LogFiles.h"
 #include <zel/LogEscape.h>
 #include <zel/LoggingWrapper.h>
 
@@ -24,20 +26,29 @@ namespace {
 const char* const COMMAND = "zel log";
 
 const char* const USAGE =
-    "Usage: zel log [-l LEVEL] [-f FUNCTION] [--] [MESSAGE...]\n"
+    "Usage: zel log [-p [FACILITY.]LEVEL] [-t TAG] [-s] [-f FILE] [--] [MESSAGE...]\n"
+    "       zel log show|follow|ship ...   (see zel log show --help)\n"
     "\n"
     "Writes records through the framework's logging wrapper: the same file,\n"
     "line format, rotation and environment (TMPDIR, ZEL_LOGGING_FNAME,\n"
     "ZEL_LOGGING_LEVEL, ZEL_LOGGING_FMAXSIZE, ZEL_LOGGING_FMAXCOUNT) as every\n"
-    "process of the framework. The MESSAGE words are joined by blanks; without\n"
-    "a MESSAGE, standard input is read. Each line of the message or of the\n"
-    "input becomes one record.\n"
+    "process of the framework. The options are logger(1)'s where the two meet.\n"
+    "The MESSAGE words are joined by blanks; without a MESSAGE, the lines of\n"
+    "FILE or of standard input are read. Each line becomes one record. To log\n"
+    "the word show, follow or ship, put -- before it.\n"
     "\n"
-    "  -l, --level LEVEL      0-6, or emerg alert crit err warning notice info,\n"
-    "                         or the file's tags EM AL CR ER WA NO IN (default 6);\n"
-    "                         8, debug or TR write debug (trace) records\n"
-    "  -f, --function NAME    function name shown in the record (default zel),\n"
-    "                         escaped like the message\n"
+    "  -p, --priority [FACILITY.]LEVEL\n"
+    "                         LEVEL 0-7 or emerg alert crit err warning notice\n"
+    "                         info debug (or the file's tags EM ... IN, TR);\n"
+    "                         7, 8 and debug write debug (trace) records; a\n"
+    "                         FACILITY (user, daemon, local0 ...) is accepted\n"
+    "                         and not kept: the file has none (default info)\n"
+    "  -l, --level LEVEL      the same without a facility\n"
+    "  -t, --tag TAG          the function name shown in the record (default\n"
+    "                         zel), escaped like the message; --function too\n"
+    "  -f, --file FILE        log each line of FILE (- for standard input)\n"
+    "  -s, --stderr           also print each record's function and message to\n"
+    "                         standard error\n"
     "\n"
     "A record above the configured level (ZEL_LOGGING_LEVEL, default 6; 8 for\n"
     "debug records) is dropped, as in the framework. Control characters are\n"
@@ -46,8 +57,8 @@ const char* const USAGE =
     "characters; the rest of a longer input line is skipped.\n"
     "\n"
     "Exit status: 0 written (or dropped by the level filter), 2 bad usage, a\n"
-    "log directory that is missing or not writable, or a log file that cannot\n"
-    "be written.\n";
+    "FILE that cannot be read, a log directory that is missing or not\n"
+    "writable, or a log file that cannot be written.\n";
 
 const int DEFAULT_LEVEL = 6;
 // Debug records go through the trace path, which writes only this level.
@@ -59,36 +70,40 @@ const char* const TRACE_FILE = "zel";
 // more of an input line is never kept.
 const size_t MAX_MESSAGE = 799;
 
-// Level names accepted next to the numbers 0-6, by level.
-const char* const LEVEL_NAMES[][3] = {
-    {"emerg", "EM", "emergency"}, {"alert", "AL", "alert"},  {"crit", "CR", "critical"},
-    {"err", "ER", "error"},       {"warning", "WA", "warn"}, {"notice", "NO", "notice"},
-    {"info", "IN", "informational"}};
-const char* const DEBUG_NAMES[] = {"debug", "TR", "trace"};
-
+// logger(1)'s levels and the file's tags; 7 (syslog's debug) and 8 (the
+// trace path's level) both mean a debug record.
 bool parseLevel(const std::string& text, unsigned& level) {
+  int parsed = 0;
+  if (!parseLevelName(text, parsed)) return false;
+  level = parsed == DEBUG_RECORD_LEVEL ? DEBUG_LEVEL : static_cast<unsigned>(parsed);
+  return true;
+}
+
+// The syslog facilities logger(1) knows, by name or number. The local file
+// has no facility: it is checked and then not used.
+bool isFacility(const std::string& text) {
+  static const char* const NAMES[] = {"kern",   "user",   "mail",   "daemon", "auth",   "syslog", "lpr",
+                                      "news",   "uucp",   "cron",   "authpriv", "ftp",  "security", "local0",
+                                      "local1", "local2", "local3", "local4", "local5", "local6", "local7"};
+  for (const char* name : NAMES)
+    if (strcasecmp(text.c_str(), name) == 0) return true;
   long number = 0;
-  if (parseInteger(text, 0, DEBUG_LEVEL, number) && number != 7) {
-    level = static_cast<unsigned>(number);
-    return true;
-  }
-  for (unsigned candidate = 0; candidate <= static_cast<unsigned>(DEFAULT_LEVEL); ++candidate)
-    for (const char* name : LEVEL_NAMES[candidate])
-      if (strcasecmp(text.c_str(), name) == 0) {
-        level = candidate;
-        return true;
-      }
-  for (const char* name : DEBUG_NAMES)
-    if (strcasecmp(text.c_str(), name) == 0) {
-      level = DEBUG_LEVEL;
-      return true;
-    }
-  return false;
+  return parseInteger(text, 0, 23, number);
+}
+
+// [FACILITY.]LEVEL
+bool parsePriority(const std::string& text, unsigned& level) {
+  const size_t dot = text.find('.');
+  if (dot == std::string::npos) return parseLevel(text, level);
+  return isFacility(text.substr(0, dot)) && parseLevel(text.substr(dot + 1), level);
 }
 
 struct LogOptions {
   unsigned level = DEFAULT_LEVEL;
   std::string function = DEFAULT_FUNCTION;
+  std::string file;
+  bool haveFile = false;
+  bool toStderr = false;
   Args words;
   bool help = false;
 };
@@ -97,12 +112,12 @@ bool startsWith(const std::string& text, const std::string& prefix) { return tex
 
 enum OptionMatch { NotThisOption, MissingValue, Matched };
 
-// Recognises an option with a value in the forms "-l 3", "-l3", "--level 3"
-// and "--level=3"; on a match, i is left on the last argument used.
+// Recognises an option with a value in the forms "-p 3", "-p3", "--priority
+// 3" and "--priority=3"; on a match, i is left on the last argument used.
 OptionMatch matchOption(const Args& args, size_t& i, const std::string& shortName, const std::string& longName,
                         std::string& value) {
   const std::string& arg = args[i];
-  if (arg == shortName || arg == longName) {
+  if ((!shortName.empty() && arg == shortName) || arg == longName) {
     if (i + 1 >= args.size()) return MissingValue;
     value = args[++i];
     return Matched;
@@ -111,12 +126,14 @@ OptionMatch matchOption(const Args& args, size_t& i, const std::string& shortNam
     value = arg.substr(longName.size() + 1);
     return Matched;
   }
-  if (!startsWith(arg, "--") && startsWith(arg, shortName)) {
+  if (!shortName.empty() && !startsWith(arg, "--") && startsWith(arg, shortName)) {
     value = arg.substr(shortName.size());
     return Matched;
   }
   return NotThisOption;
 }
+
+const char* const LEVEL_HINT = ": use 0-7 or emerg, alert, crit, err, warning, notice, info, debug";
 
 // Returns ExitOk, or the status of a usage error already reported.
 int parseOptions(const Args& args, LogOptions& options) {
@@ -131,25 +148,45 @@ int parseOptions(const Args& args, LogOptions& options) {
       options.help = true;
       return ExitOk;
     }
-    std::string value;
-    OptionMatch match = matchOption(args, i, "-l", "--level", value);
-    if (match == MissingValue) return usageError(COMMAND, "option " + quoted(arg) + " needs a LEVEL");
-    if (match == Matched) {
-      if (!parseLevel(value, options.level))
-        return usageError(COMMAND, "invalid level " + quoted(value) +
-                                       ": use 0-6, 8 or emerg, alert, crit, err, warning, notice, info, debug");
+    if (arg == "-s" || arg == "--stderr") {
+      options.toStderr = true;
       continue;
     }
-    match = matchOption(args, i, "-f", "--function", value);
-    if (match == MissingValue) return usageError(COMMAND, "option " + quoted(arg) + " needs a FUNCTION name");
+    std::string value;
+    OptionMatch match = matchOption(args, i, "-p", "--priority", value);
+    if (match == MissingValue) return usageError(COMMAND, "option " + quoted(arg) + " needs a [FACILITY.]LEVEL");
+    if (match == Matched) {
+      if (!parsePriority(value, options.level))
+        return usageError(COMMAND, "invalid priority " + quoted(value) + LEVEL_HINT +
+                                       ", optionally after a facility and a dot (user.err)");
+      continue;
+    }
+    match = matchOption(args, i, "-l", "--level", value);
+    if (match == MissingValue) return usageError(COMMAND, "option " + quoted(arg) + " needs a LEVEL");
+    if (match == Matched) {
+      if (!parseLevel(value, options.level)) return usageError(COMMAND, "invalid level " + quoted(value) + LEVEL_HINT);
+      continue;
+    }
+    match = matchOption(args, i, "-t", "--tag", value);
+    if (match == NotThisOption) match = matchOption(args, i, "", "--function", value);
+    if (match == MissingValue) return usageError(COMMAND, "option " + quoted(arg) + " needs a TAG");
     if (match == Matched) {
       options.function = value;
+      continue;
+    }
+    match = matchOption(args, i, "-f", "--file", value);
+    if (match == MissingValue) return usageError(COMMAND, "option " + quoted(arg) + " needs a FILE");
+    if (match == Matched) {
+      options.file = value;
+      options.haveFile = true;
       continue;
     }
     if (arg.size() > 1 && arg[0] == '-') return usageError(COMMAND, "unknown option " + quoted(arg));
     break;  // the message starts here ("-" alone is a word)
   }
   options.words.assign(args.begin() + static_cast<long>(i), args.end());
+  if (options.haveFile && !options.words.empty())
+    return usageError(COMMAND, "a MESSAGE and -f FILE exclude each other");
   return ExitOk;
 }
 
@@ -203,6 +240,8 @@ class RecordWriter {
   // input (shown in debug records). False when the log file is unusable.
   bool write(const std::string& text, unsigned line) {
     const bool debug = _options.level == DEBUG_LEVEL;
+    // -s: like logger(1), every record given is shown, whatever the level.
+    if (_options.toStderr) std::cerr << _function << ": " << Zel::LogEscape::escape(text) << "\n";
     // The level filters of the framework's processes: a record they do not
     // admit is dropped before anything is formatted.
     if (debug ? !_log->isDebugLoggingAllowed(DEBUG_LEVEL)
@@ -304,12 +343,24 @@ int runLog(const Args& args) {
 }
 
 int runLogFrom(const Args& args, std::istream& input, bool closeWhenDone) {
+  if (!args.empty() && isLogReadCommand(args[0])) return runLogRead(args[0], Args(args.begin() + 1, args.end()));
   LogOptions options;
   int status = parseOptions(args, options);
   if (status != ExitOk) return status;
   if (options.help) {
     std::cout << USAGE;
     return ExitOk;
+  }
+  std::ifstream file;
+  std::istream* lines = &input;
+  if (options.haveFile && options.file != "-") {
+    struct stat st;
+    // Only a regular file: a FIFO or device would hang or never end.
+    if (::stat(options.file.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+      return inputError(COMMAND, "cannot read " + quoted(options.file) + ": not a regular file");
+    file.open(options.file, std::ios::binary);
+    if (!file) return inputError(COMMAND, "cannot read " + quoted(options.file) + ": " + std::strerror(errno));
+    lines = &file;
   }
   if (!logDestinationUsable()) return ExitError;
 
@@ -323,7 +374,7 @@ int runLogFrom(const Args& args, std::istream& input, bool closeWhenDone) {
     // drops them, so that a writer on a pipe never sees it closed early.
     std::string line;
     unsigned number = 0;
-    while (written && readLine(input, line)) written = writer.write(line, ++number);
+    while (written && readLine(*lines, line)) written = writer.write(line, ++number);
   }
   // Records are buffered: flush() writes them and tells whether every one
   // reached the file (a full disk, a file-size limit, or a log file the
