@@ -108,7 +108,7 @@ void internal::flushLogFilesAtExit() ZEL_NO_THREAD_SAFETY_ANALYSIS {
   pthread_mutex_unlock(mutex);
 }
 
-void internal::resetLogFilesInForkedChild() {
+void internal::resetLogFilesInForkedChild() ZEL_NO_THREAD_SAFETY_ANALYSIS {
   // Only the forking thread exists here; the fork handler holds the
   // registry's mutex and the logging lock.
   for (LoggingWrapper* wrapper : exitRegistry().wrappers) wrapper->_file->afterForkInChild();
